@@ -1,0 +1,16 @@
+# One interface target carries what every translation unit is compiled with.
+add_library(xrdefrag_settings INTERFACE)
+target_compile_options(xrdefrag_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+  # Source paths in internal errors are relative to the source root.
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
+  # Panics print a stack that is walked by frame pointer.
+  -fno-omit-frame-pointer)
+target_compile_definitions(xrdefrag_settings INTERFACE
+  _FILE_OFFSET_BITS=64 $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+
+if(XRDEFRAG_SANITIZE)
+  target_compile_options(xrdefrag_settings INTERFACE
+    -fsanitize=${XRDEFRAG_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(xrdefrag_settings INTERFACE -fsanitize=${XRDEFRAG_SANITIZE})
+endif()
