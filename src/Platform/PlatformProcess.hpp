@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+/// What the kernel knows about this process and machine.
+namespace PlatformProcess {
+
+/// Whether the effective user is root.
+bool isRoot();
+
+/// Whether a debugger traces the process.
+bool isTraced();
+
+/// The process ID.
+uint32_t processID();
+
+/// Base name of the running program, as its first argument gives it.
+std::string programName();
+
+/// Bytes of physical memory, or nothing when the system does not tell.
+std::optional<uint64_t> physicalMemoryBytes();
+
+/// Moves the whole process's disk transfers to the idle class, so that they yield to everybody
+/// else's. Threads inherit it: call it before any thread exists.
+void lowerIOPriority();
+
+/// A fast-running clock's reading, for seeding random numbers.
+uint64_t monotonicTicks();
+
+}  // namespace PlatformProcess
