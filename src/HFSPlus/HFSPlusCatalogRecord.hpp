@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <variant>
+
+#include "HFSPlus/HFSPlusByteOrder.hpp"
+#include "HFSPlus/HFSPlusFormat.hpp"
+
+/// The key of a catalog record where it lies in its node.
+struct HFSPlusCatalogKeyView {
+  uint32_t parentID;
+  std::span<const std::byte> nameUnits;  // big-endian UTF-16 units, at most 255
+};
+
+/// A record of a catalog node, cut into its parts and checked to hold them. A view: it lives as
+/// long as the node is held.
+struct HFSPlusCatalogRecordView {
+  HFSPlusCatalogKeyView key;
+  std::span<const std::byte> data;  // what follows the key
+
+  /// Cuts a record; nothing when its key does not lie inside it or its name is too long.
+  [[nodiscard]] static std::optional<HFSPlusCatalogRecordView> of(
+      std::span<const std::byte> record);
+
+  /// The record type of a leaf record; 0, which no record has, when there is no room for one.
+  int16_t type() const {
+    return data.size() < sizeof(int16_t) ? int16_t{0} : readBigEndian<int16_t>(data.data());
+  }
+  /// The child's node number of an index record; none when there is no room for one.
+  [[nodiscard]] std::optional<uint32_t> childNode() const;
+  /// The record as a file record; null when it is too short for one. Asks for type() 2.
+  const DiskOrder<HFSPlusCatalogFile>* file() const;
+  /// The record as a folder record; null when it is too short for one. Asks for type() 1.
+  const DiskOrder<HFSPlusCatalogFolder>* folder() const;
+  /// The key of the item that a thread record (type 3 or 4) stands for; none when the record is of
+  /// another type or does not hold a whole name.
+  [[nodiscard]] std::optional<HFSPlusCatalogKeyView> threadTarget() const;
+};
+
+/// A catalog entry copied out of its node, in host order.
+struct HFSPlusCatalogRecord {
+  int16_t type = 0;  // kHFSPlusFolderRecord, kHFSPlusFileRecord, or 0: nothing was found
+  HFSPlusCatalogKey key{};
+  std::variant<std::monostate, HFSPlusCatalogFolder, HFSPlusCatalogFile> u;
+
+  bool isFolder() const { return type == kHFSPlusFolderRecord; }
+  bool isFile() const { return type == kHFSPlusFileRecord; }
+  const HFSPlusCatalogFolder& folder() const { return std::get<HFSPlusCatalogFolder>(u); }
+  const HFSPlusCatalogFile& file() const { return std::get<HFSPlusCatalogFile>(u); }
+  /// Catalog node ID of the folder or file; 0 when nothing was found.
+  uint32_t itemID() const { return isFolder() ? folder().folderID : isFile() ? file().fileID : 0; }
+};

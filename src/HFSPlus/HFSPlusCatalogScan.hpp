@@ -1,0 +1,28 @@
+#pragma once
+
+#include "HFSPlus/HFSPlusCatalogRecord.hpp"
+#include "XRDefragError.hpp"
+
+class HFSPlusCatalog;
+
+/// Who is shown every file of a volume.
+class HFSPlusCatalogScanDelegate {
+ public:
+  virtual ~HFSPlusCatalogScanDelegate() = default;
+
+  /// Once, before the first file.
+  virtual void scanCatalogFilesWillStart() {}
+  /// Once a file record. Both arguments lie in the node, in disk order, and are gone afterwards. An
+  /// error stops the scan and is its error.
+  [[nodiscard]] virtual Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
+                                                 const HFSPlusCatalogKeyView& key) = 0;
+  /// Once at the end, also after a failure or a cancellation.
+  virtual void scanCatalogFilesDidFinish() {}
+};
+
+/// Shows every file record of the catalog to the delegate, once each: in the order of the nodes on
+/// disk, or along the chain of leaves when most of the catalog's nodes are free. Stops within one
+/// node after the calling task is aborted, as cancelled by the user. Errors of reading nodes, of
+/// the delegate, and "Catalog file is inconsistent.".
+[[nodiscard]] Result<> HFSPlusScanCatalogFiles(HFSPlusCatalog& catalog,
+                                               HFSPlusCatalogScanDelegate& delegate);
