@@ -1,0 +1,158 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "HFSPlus/HFSPlusByteOrder.hpp"
+#include "HFSPlus/HFSPlusFlushPlan.hpp"
+#include "HFSPlus/HFSPlusHeldWrites.hpp"
+#include "HFSPlus/HFSPlusMetadataZone.hpp"
+#include "HFSPlus/HFSPlusVolumeAccess.hpp"
+#include "XRDefragVolume.hpp"
+
+class HFSPlusAllocation;
+class HFSPlusAttributes;
+class HFSPlusCatalog;
+class HFSPlusCatalogScanDelegate;
+class HFSPlusExtents;
+class HFSPlusFileForkSet;
+
+/// The HFS Plus file system on a device: its header, its special files, the way from a fork's bytes
+/// to the device's, and the one place from which metadata reaches the device.
+///
+/// Invariants:
+///   1. Between two flushes no metadata is written; the special files hand their changed bytes to
+///      heldWrites(), and flush() writes all of them and the headers, or reports an error.
+///   2. During a rewriting run nothing is written before the on-disk header says that the volume is
+///      in flux, and every header on disk says so until endRewriting() has written everything else.
+///   3. Data written since the last flush is on stable storage before the first metadata of the
+///      next flush is, and that before flush() returns.
+///
+/// Used by one thread at a time, which holds the gate.
+class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
+ public:
+  /// Whether the device holds a volume of a known signature and version. Device errors.
+  [[nodiscard]] static Result<bool> probe(XRDefragVolume& device);
+
+  /// Opens the volume on a device, which it goes on sharing. Fails for an unsupported version, a
+  /// volume that was not unmounted cleanly, and whatever its header or special files get wrong.
+  [[nodiscard]] static Result<std::unique_ptr<HFSPlusVolume>> open(const XRDefragVolume& device);
+
+  ~HFSPlusVolume() override;
+
+  /// Transfers at a byte offset from the volume's start, which lies inside the device when an HFS
+  /// wrapper surrounds it. Writing is for file data; metadata goes through the special files.
+  [[nodiscard]] Result<> read(std::span<std::byte> bytes, uint64_t offset) override;
+  [[nodiscard]] Result<> write(std::span<const std::byte> bytes, uint64_t offset) override;
+
+  // What the volume's files see of it.
+  [[nodiscard]] Result<> readVolume(std::span<std::byte> bytes, uint64_t offset) override;
+  const HFSPlusVolumeHeader& hostVolumeHeader() const override { return _hostVolumeHeader; }
+  const HFSPlusForkData* hostForkData(uint32_t fileID) const override;
+  [[nodiscard]] Result<HFSPlusTranslation> translateOffset(
+      uint64_t offset, uint32_t fileID, uint8_t forkType, const HFSPlusForkData& forkData) override;
+  HFSPlusHeldWrites& heldWrites() override { return _heldWrites; }
+  uint32_t blockSizeOfDevice() const override { return deviceBlockSize(); }
+  bool isHFSX() const override { return _HFSX; }
+  void updateFreeBlocks(int64_t delta) override;
+
+  HFSPlusExtents& extents() { return *_extents; }
+  HFSPlusAllocation& allocation() { return *_allocation; }
+  HFSPlusCatalog& catalog() { return *_catalog; }
+  /// None when the volume has no attributes file.
+  HFSPlusAttributes* attributes() { return _attributes.get(); }
+
+  bool isJournaled() const;
+  bool hasSparedBlocks() const;
+  bool hasMetadataZone() const { return _metadata.startBlock != 0; }
+  /// Whether the ID is one of the files that the header describes: 3, 4, 6, 7 or 8.
+  bool isSpecialFile(uint32_t fileID) const;
+  /// The first allocation block past the metadata zone or, without one, past the boot area.
+  uint32_t firstDataBlock() const;
+  /// Byte offset of the volume on the device.
+  uint64_t volumeStartOffset() const { return _volumeStartOffset; }
+  /// Bytes from the volume's start to the end of its alternate header's area.
+  uint64_t volumeSizeBytes() const { return _volumeSizeBytes; }
+
+  /// Registers the fork data, in host order, of an ordinary file under its ID, or replaces it in
+  /// place, so that the file can be used like a special one.
+  void cacheHostForkData(const HFSPlusForkData& forkData, uint32_t fileID);
+  /// Forgets what was registered; nobody may use the file any more.
+  void uncacheHostForkData(uint32_t fileID);
+
+  /// Points a special file of a writable volume at new extents, in host order; the header is
+  /// written by the next flush. An internal error for any other file.
+  [[nodiscard]] Result<> updateForkExtents(const HFSPlusExtentRecord& host, uint32_t fileID);
+
+  /// The forks that must never be moved: the journal's and, if asked for, the hot files in place.
+  [[nodiscard]] Result<HFSPlusFileForkSet> immutableForkIDs(bool includeHotFiles);
+
+  /// Hands every file record of the catalog to the delegate.
+  [[nodiscard]] Result<> scanCatalogFiles(HFSPlusCatalogScanDelegate& delegate);
+
+  /// Writes every metadata change since the last flush, and the header when it changed; the first
+  /// flush after the first write of the process raises the header's write count. Writes nothing
+  /// when there is nothing to write. After an error in the midst of writing the flush stays
+  /// unfinished: the next flush(), discardChanges() or endRewriting() completes it first.
+  [[nodiscard]] Result<> flush();
+
+  /// From here the first write of anything marks the on-disk header as in flux first.
+  void beginRewriting() { _rewriting = true; }
+
+  /// Flushes, makes the header's free-block count agree with the bitmap and takes the mark off the
+  /// headers on disk. To be called whatever ended the run; after an error the mark stays.
+  [[nodiscard]] Result<> endRewriting();
+
+  /// Forgets every metadata change since the last flush: everything reads as it is on disk.
+  [[nodiscard]] Result<> discardChanges();
+
+ private:
+  explicit HFSPlusVolume(const XRDefragVolume& device);
+
+  Result<> _open();
+  Result<> _readHeader();
+  Result<> _checkSignatureAndVersion();
+  Result<> _checkAttributes();
+  Result<> _checkGeometry() const;
+  Result<> _openSpecialFiles();
+  void _logVolumeInfo() const;
+  HFSPlusForkData* _specialForkData(uint32_t fileID);
+
+  Result<> _flushSpecialFiles();
+  Result<std::optional<HFSPlusFlushPlan>> _planFlush();
+  Result<> _finishFlush();
+  Result<> _markInFlux();
+  Result<> _writeHeader(uint32_t attributes, uint64_t offset);
+  uint32_t _onDiskAttributes() const;
+
+  HFSPlusVolumeHeader _hostVolumeHeader{};
+  std::string _name;
+  uint32_t _version = 0;
+  bool _HFSPlus = false;
+  bool _HFSX = false;
+  bool _willBumpWriteCount = false;  // something was, or will be, written by this process
+  bool _didBumpWriteCount = false;
+  bool _dirty = false;  // the host header differs from the one on disk
+
+  uint64_t _volumeStartOffset = 0;
+  uint64_t _volumeSizeBytes = 0;
+  HFSPlusMetadataZone _metadata;
+  std::map<uint32_t, std::unique_ptr<HFSPlusForkData>> _hostForkDataCache;
+
+  HFSPlusHeldWrites _heldWrites;
+  HFSPlusVolumeHeader _flushedHeader{};  // the host header as the last flush left it
+  std::optional<HFSPlusFlushPlan> _unfinishedFlush;
+  int64_t _freeBlockDrift = 0;  // flushed changes of the bitmap that the free count missed
+  bool _rewriting = false;
+  bool _inFlux = false;           // the header on disk carries the mark
+  bool _alternateInFlux = false;  // and so does the alternate
+
+  // Last, so that they go first: they refer to everything above.
+  std::unique_ptr<HFSPlusExtents> _extents;
+  std::unique_ptr<HFSPlusAllocation> _allocation;
+  std::unique_ptr<HFSPlusCatalog> _catalog;
+  std::unique_ptr<HFSPlusAttributes> _attributes;
+};
