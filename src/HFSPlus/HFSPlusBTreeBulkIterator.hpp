@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "HFSPlus/HFSPlusBTreeFile.hpp"
+
+/// Visits every node in use of a tree in ascending order, reading the file a mebibyte at a time.
+///
+/// Which nodes are in use is what the tree's map nodes said at creation. A chunk's nodes enter the
+/// tree's cache when the chunk is read; a node that the cache holds already is taken from there.
+class HFSPlusBTreeBulkIterator {
+ public:
+  /// The tree must outlive the iterator. Fails with "Out of memory." or the errors of the tree's
+  /// map nodes.
+  [[nodiscard]] static Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> open(
+      HFSPlusBTreeFile& btree);
+
+  /// The next node in use, of whatever kind, held for the caller; an empty hold at the end, as
+  /// often as it is asked for. After a failure the next call goes on behind the failing node.
+  [[nodiscard]] Result<HFSPlusBTreeNodeHold> nextCachedNode();
+
+ private:
+  explicit HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree);
+
+  bool _isUsed(uint32_t index) const;
+  bool _chunkHolds(uint32_t index) const;
+  std::span<const std::byte> _image(uint32_t index) const;
+  [[nodiscard]] Result<> _copyMap();
+  [[nodiscard]] Result<> _loadChunk(uint32_t index);
+
+  HFSPlusBTreeFile& _btree;
+  uint32_t _nextNodeIndex = 0;
+  uint32_t _nodesPerBuffer;
+  uint32_t _bufferBaseIndex = 0;
+  bool _bufferValid = false;
+  uint64_t _bufferWrittenNodes = 0;  // the tree's writtenNodes() when the chunk was read
+  uint64_t _bufferSize;              // bytes
+  std::unique_ptr<std::byte[]> _bufferData;
+  uint64_t _mapSize;  // bytes
+  std::unique_ptr<std::byte[]> _mapData;
+};
