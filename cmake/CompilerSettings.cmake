@@ -6,6 +6,8 @@ target_compile_options(xrdefrag_settings INTERFACE
   -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/src/=
   # Panics print a stack that is walked by frame pointer.
   -fno-omit-frame-pointer)
+# Panics name the functions on the stack, which takes their names to be in the dynamic table.
+target_link_options(xrdefrag_settings INTERFACE -rdynamic)
 target_compile_definitions(xrdefrag_settings INTERFACE
   _FILE_OFFSET_BITS=64 $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 

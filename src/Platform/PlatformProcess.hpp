@@ -13,6 +13,9 @@ bool isRoot();
 /// Whether a debugger traces the process.
 bool isTraced();
 
+/// Whether the calling thread is the process's first one.
+bool isMainThread();
+
 /// The process ID.
 uint32_t processID();
 
@@ -25,6 +28,14 @@ std::optional<uint64_t> physicalMemoryBytes();
 /// Moves the whole process's disk transfers to the idle class, so that they yield to everybody
 /// else's. Threads inherit it: call it before any thread exists.
 void lowerIOPriority();
+
+/// Puts /dev/null where standard input, output or error is closed, so that no file opened later can
+/// be taken for one of them. Call it before anything is opened. False when that is impossible.
+[[nodiscard]] bool openStandardDescriptors();
+
+/// Has a write to a reader that is gone, or beyond the file size limit, fail instead of killing
+/// the process.
+void ignoreWriteSignals();
 
 /// A fast-running clock's reading, for seeding random numbers.
 uint64_t monotonicTicks();
