@@ -127,12 +127,13 @@ void compareForks(Differences& differences, const VolumeTruth& before, const Vol
 }
 
 void compareRecords(Differences& differences, const VolumeTruth& before, const VolumeTruth& after) {
-  std::map<std::tuple<std::uint32_t, std::u16string_view>, Hash128> old;
+  using Key = std::tuple<std::uint32_t, std::u16string_view>;
+  std::map<Key, Hash128> old;
   for (const RecordPrint& record : before.records) {
-    old.emplace(std::tuple(record.parentID, record.name), record.hash);
+    old.emplace(Key{record.parentID, record.name}, record.hash);
   }
   for (const RecordPrint& record : after.records) {
-    const auto found = old.find(std::tuple(record.parentID, record.name));
+    const auto found = old.find(Key{record.parentID, record.name});
     const std::string name = "The catalog record \"" + displayName(record.name) + "\" of folder " +
                              std::to_string(record.parentID);
     if (found == old.end()) {
