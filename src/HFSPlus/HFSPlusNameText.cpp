@@ -1,0 +1,106 @@
+#include "HFSPlus/HFSPlusNameText.hpp"
+
+#include <cstdint>
+#include <cstring>
+
+#include "HFSPlus/HFSPlusByteOrder.hpp"
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+constexpr char kEscapedNUL[] = "\\xC0\\x80";
+constexpr size_t kEscapedNULBytes = sizeof kEscapedNUL - 1;
+
+/// Writes the two to four bytes of a character beyond ASCII; answers where they end.
+char* putUTF8(char* out, char32_t character) {
+  const auto tail = [character](unsigned shift) {
+    return static_cast<char>(0x80 | (character >> shift & 0x3F));
+  };
+  if (character < 0x800) {
+    *out++ = static_cast<char>(0xC0 | character >> 6);
+  } else {
+    if (character < 0x10000) {
+      *out++ = static_cast<char>(0xE0 | character >> 12);
+    } else {
+      *out++ = static_cast<char>(0xF0 | character >> 18);
+      *out++ = tail(12);
+    }
+    *out++ = tail(6);
+  }
+  *out++ = tail(0);
+  return out;
+}
+
+/// The character at a unit beyond ASCII; moves `unit` past all it takes.
+char32_t takeCharacter(const std::byte*& unit, const std::byte* end) {
+  const auto first = readBigEndian<uint16_t>(unit);
+  unit += 2;
+  if (first < 0xD800 || first > 0xDFFF) {
+    return first;
+  }
+  if (first > 0xDBFF || unit == end) {
+    return kReplacement;
+  }
+  const auto second = readBigEndian<uint16_t>(unit);
+  if (second < 0xDC00 || second > 0xDFFF) {
+    return kReplacement;
+  }
+  unit += 2;
+  return 0x10000 + ((char32_t{first} & 0x3FF) << 10) + (second & 0x3FF);
+}
+
+/// Writes one ASCII character as report lines want it; answers where it ends.
+char* putOutputSafe(char* out, char character) {
+  if (character == '\0') {
+    std::memcpy(out, kEscapedNUL, kEscapedNULBytes);
+    return out + kEscapedNULBytes;
+  }
+  if (character == ',' || character == '\\') {
+    *out++ = '\\';
+  }
+  *out++ = character;
+  return out;
+}
+
+template <bool outputSafe>
+void appendName(std::string& text, std::span<const std::byte> units) {
+  // A unit takes at most three bytes, an escaped one eight.
+  const size_t bytesPerUnit = outputSafe ? kEscapedNULBytes : 3;
+  const size_t before = text.size();
+  const std::byte* unit = units.data();
+  const std::byte* const end = unit + units.size() / 2 * 2;
+  text.resize_and_overwrite(before + units.size() / 2 * bytesPerUnit, [&](char* start, size_t) {
+    char* out = start + before;
+    while (unit != end) {
+      const auto value = readBigEndian<uint16_t>(unit);
+      if (value >= 0x80) {
+        out = putUTF8(out, takeCharacter(unit, end));
+        continue;
+      }
+      unit += 2;
+      const char character = value == '/' ? ':' : static_cast<char>(value);
+      if constexpr (outputSafe) {
+        out = putOutputSafe(out, character);
+      } else {
+        *out++ = character;
+      }
+    }
+    return static_cast<size_t>(out - start);
+  });
+}
+
+}  // namespace
+
+std::string HFSPlusNameString(std::span<const std::byte> units) {
+  std::string text;
+  HFSPlusAppendName(text, units);
+  return text;
+}
+
+void HFSPlusAppendName(std::string& text, std::span<const std::byte> units) {
+  appendName<false>(text, units);
+}
+
+void HFSPlusAppendOutputSafeName(std::string& text, std::span<const std::byte> units) {
+  appendName<true>(text, units);
+}
