@@ -40,6 +40,8 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   /// Opens the tree with a node cache of 32 MiB and the name order that the volume asks for.
   [[nodiscard]] static Result<std::unique_ptr<HFSPlusCatalog>> open(HFSPlusVolumeAccess& volume);
 
+  [[nodiscard]] XRDefragError inconsistent() const override;
+
   /// Orders two keys: by parent, then by name.
   int32_t compare(const HFSPlusCatalogKeyView& a, const HFSPlusCatalogKeyView& b) const;
 
@@ -68,13 +70,38 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   [[nodiscard]] Result<> updateForkExtents(const HFSPlusExtentRecord& host, uint32_t fileID,
                                            uint8_t forkType, bool setZeroLength);
 
+  /// The record at an index below the node's count, cut into its parts.
+  /// Fails with "Catalog file is inconsistent.".
+  [[nodiscard]] Result<HFSPlusCatalogRecordView> recordAt(const HFSPlusBTreeNode& node,
+                                                          uint32_t index) const;
+
  private:
-  /// A place in a leaf: the first record whose key is not less than the one sought.
-  struct Position;
-  /// A key whose name does not lie in a node.
-  struct SearchKey;
+  /// A place in a node: the first record whose key is not less than the one sought, which may be
+  /// one past the last record.
+  struct Slot {
+    uint32_t index;
+    bool equal;
+  };
+  struct Position {
+    HFSPlusBTreeNodeHold leaf;
+    Slot slot;
+  };
+  struct ItemKey;
 
   explicit HFSPlusCatalog(HFSPlusVolumeAccess& volume);
+
+  Result<Slot> _searchNode(const HFSPlusBTreeNode& node, const HFSPlusCatalogKeyView& key) const;
+  Result<uint32_t> _childForKey(const HFSPlusBTreeNode& node,
+                                const HFSPlusCatalogKeyView& key) const;
+  Result<Position> _findKey(const HFSPlusCatalogKeyView& key);
+  Result<std::optional<ItemKey>> _keyOfItem(const Position& thread) const;
+  Result<std::optional<ItemKey>> _keyForCNID(uint32_t cnid);
+  Result<HFSPlusCatalogRecord> _copyRecordForKey(const HFSPlusCatalogKeyView& key);
+  Result<std::u16string> _nameForComponent(std::string_view component) const;
+  Result<> _iterateFolderID(uint32_t folderID, HFSPlusFolderDelegate& delegate);
+  Result<> _showChild(const HFSPlusCatalogRecordView& record,
+                      HFSPlusFolderDelegate& delegate) const;
+  static Result<bool> _isThere(const Position& position);
 
   bool _binaryKeyCompare = false;
   HFSPlusNameComparison _keyCompareProc = HFSPlusCompareNamesFolded;

@@ -29,15 +29,25 @@ struct HFSPlusCatalogRecordView {
   int16_t type() const {
     return data.size() < sizeof(int16_t) ? int16_t{0} : readBigEndian<int16_t>(data.data());
   }
+  bool isThread() const {
+    return type() == kHFSPlusFolderThreadRecord || type() == kHFSPlusFileThreadRecord;
+  }
+
   /// The child's node number of an index record; none when there is no room for one.
   [[nodiscard]] std::optional<uint32_t> childNode() const;
-  /// The record as a file record; null when it is too short for one. Asks for type() 2.
-  const DiskOrder<HFSPlusCatalogFile>* file() const;
-  /// The record as a folder record; null when it is too short for one. Asks for type() 1.
-  const DiskOrder<HFSPlusCatalogFolder>* folder() const;
-  /// The key of the item that a thread record (type 3 or 4) stands for; none when the record is of
-  /// another type or does not hold a whole name.
+  /// The record as a file record, whatever its type; null when it is too short for one.
+  const DiskOrder<HFSPlusCatalogFile>* file() const { return as<HFSPlusCatalogFile>(); }
+  /// The record as a folder record, whatever its type; null when it is too short for one.
+  const DiskOrder<HFSPlusCatalogFolder>* folder() const { return as<HFSPlusCatalogFolder>(); }
+  /// The key of the item that a thread record stands for; none when the record is no thread or does
+  /// not hold a whole name.
   [[nodiscard]] std::optional<HFSPlusCatalogKeyView> threadTarget() const;
+
+ private:
+  template <typename T>
+  const DiskOrder<T>* as() const {
+    return data.size() < sizeof(T) ? nullptr : reinterpret_cast<const DiskOrder<T>*>(data.data());
+  }
 };
 
 /// A catalog entry copied out of its node, in host order.
