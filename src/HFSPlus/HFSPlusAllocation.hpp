@@ -74,7 +74,7 @@ class HFSPlusAllocation final : public HFSPlusFile {
   struct Cell {
     std::unique_ptr<HFSPlusAllocationChunk> chunk;
     uint32_t holds = 0;
-    Idle::iterator idle;  // its place in the idle queue while holds is 0
+    Idle::iterator idle{};  // its place in the idle queue while holds is 0
   };
   using TOC = std::map<uint32_t, Cell>;
   /// A range's part in one chunk, in bits.
@@ -85,12 +85,24 @@ class HFSPlusAllocation final : public HFSPlusFile {
   };
   enum class Bit : bool { Clear, Set };
 
+  /// What changing a range came to.
+  struct Change {
+    int64_t blocks = 0;  // blocks of the range that were reached
+    int64_t bits = 0;    // those of them that were not as wanted before
+  };
+  /// Bytes of the file.
+  struct FileRange {
+    uint64_t offset;
+    size_t length;
+  };
+
   explicit HFSPlusAllocation(HFSPlusVolumeAccess& volume);
   Result<> checkRange(uint32_t block, uint32_t count) const;
-  Result<Span> spanOf(uint64_t block, uint32_t count);
+  Result<Span> spanOf(uint32_t block, uint32_t count);
   Result<> change(uint32_t block, uint32_t count, Bit bit);
+  Result<> changeSpans(uint32_t block, uint32_t count, Bit bit, Change& change);
   Result<uint32_t> leadingRun(uint32_t block, uint32_t count, Bit bit);
-  Result<> transferRange(uint32_t index, size_t size, uint64_t& offset, size_t& length) const;
+  Result<FileRange> fileRangeOfChunk(uint32_t index) const;
   Result<> readSequentially(std::span<std::byte> bytes, uint64_t offset);
   void cachedChunkRelease(HFSPlusAllocationChunk& chunk);
   void _cachedChunkDealloc(TOC::iterator cell);

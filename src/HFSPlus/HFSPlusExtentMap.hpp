@@ -53,7 +53,7 @@ struct HFSPlusExtentRun {
 class HFSPlusExtentMap {
  public:
   static constexpr uint64_t kDefaultCapacity = 0x40000;  // entries
-  static constexpr unsigned kBytesPerEntryShift = 5;     // an entry is reckoned at 32 bytes
+  static constexpr uint64_t kBytesPerEntry = 32;         // what an entry is reckoned at
 
   /// All blocks from the start block to the volume's end, free.
   HFSPlusExtentMap(const HFSPlusVolumeAccess& volume, uint32_t startBlock);
@@ -119,9 +119,9 @@ class HFSPlusExtentMap {
   };
 
   std::optional<HFSPlusExtentRun> runOf(const HFSPlusExtentMapEntry* entry) const;
-  Result<std::optional<Range>> clippedRange(uint32_t start, uint32_t count) const;
-  Result<> splitAt(Map::Position& position, uint32_t block);
-  Result<uint32_t> freeEntryAt(uint32_t start, uint32_t count);
+  std::optional<Range> clippedRange(uint32_t start, uint32_t count) const;
+  Result<HFSPlusExtentMapEntry*> splitAt(Map::Position& position, const HFSPlusExtentMapEntry& run);
+  Result<uint32_t> freeBeginning(Range range);
   void coalesce(HFSPlusExtentMapEntry* entry);
   void _clipLastExtent();
   void clipToCapacity();

@@ -2,35 +2,29 @@
 
 #include <array>
 #include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <new>
-#include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "HFSPlus/HFSPlusRandom.hpp"
+#include "HFSPlus/HFSPlusSkipListNodes.hpp"
 #include "LWKit/LWDebug.hpp"
 
 /// An ordered list of small records in which search, insertion and removal take O(log n).
 ///
-/// A node is one piece of memory: the record, the node's level, and one forward pointer for every
-/// level from 0 to it. Nodes are cut from larger blocks and, once removed, wait for the next node
-/// of their level, so that the list costs its nodes and hardly more. A record's address is stable
-/// until it is removed. Its owner may change it in place as long as its order among the others
-/// stays.
+/// A record's address is stable until it is removed. Its owner may change it in place as long as
+/// its order among the others stays.
 ///
 /// `Compare` orders records: a function object that is called with a record and a key (or another
 /// record) and answers negative when the record lies before it, 0 when it matches and positive when
-/// it lies after. A search may bring a comparison of its own if it follows the same order.
+/// it lies after.
 ///
 /// No lock: a list belongs to one thread at a time.
 template <typename Record, typename Compare, unsigned kMaximumLevels>
 class HFSPlusSkipList {
-  struct Node;
+  using Nodes = HFSPlusSkipListNodes<Record, kMaximumLevels>;
+  using Node = typename Nodes::Node;
 
  public:
-  /// A place between two neighbours: the links, one a level, that lead across it.
+  /// A place between two neighbours: on every level, the links of the last node left of it.
   class Position {
     friend class HFSPlusSkipList;
     std::array<Node**, kMaximumLevels> _links;
@@ -43,35 +37,22 @@ class HFSPlusSkipList {
   HFSPlusSkipList& operator=(const HFSPlusSkipList&) = delete;
 
   /// The first record, or null.
-  Record* first() const { return recordOf(_head[0]); }
+  Record* first() const { return Nodes::recordOf(_head[0]); }
 
   /// The record after one of this list, or null.
-  Record* next(const Record* record) const { return recordOf(linksOf(nodeOf(record))[0]); }
+  Record* next(const Record* record) const {
+    return Nodes::recordOf(Nodes::linksOf(Nodes::nodeOf(record))[0]);
+  }
 
   /// The last record, or null.
   Record* last() const {
-    Node* node = nullptr;
-    Node* const* links = _head.data();
-    for (unsigned level = _topLevel + 1; level-- > 0;) {
-      while (links[level] != nullptr) {
-        node = links[level];
-        links = linksOf(node);
-      }
-    }
-    return recordOf(node);
+    return lastWhile([](const Node*) { return true; });
   }
 
-  /// The first record that matches the key, or null.
-  template <typename Key, typename KeyCompare = Compare>
-  Record* find(const Key& key, KeyCompare compare = {}) const {
-    Node* const* links = _head.data();
-    for (unsigned level = _topLevel + 1; level-- > 0;) {
-      while (links[level] != nullptr && compare(links[level]->record, key) < 0) {
-        links = linksOf(links[level]);
-      }
-    }
-    Node* node = links[0];
-    return node != nullptr && compare(node->record, key) == 0 ? recordOf(node) : nullptr;
+  /// The last record that lies before the key or matches it, or null.
+  template <typename Key>
+  Record* lastNotAfter(const Key& key) const {
+    return lastWhile([&](const Node* node) { return Compare{}(node->record, key) <= 0; });
   }
 
   /// The place behind every record that lies before the key or matches it.
@@ -81,12 +62,12 @@ class HFSPlusSkipList {
   }
 
   /// The record left of a place, or null at the front.
-  Record* recordBefore(const Position& position) const { return recordOf(position._before); }
+  Record* recordBefore(const Position& position) const { return Nodes::recordOf(position._before); }
 
   /// Inserts a record at a place where the order wants it, and answers its copy in the list; null
   /// when memory has run out. The place stays good, left of the new record.
   Record* insertAt(Position& position, const Record& record) {
-    Node* node = makeNode(record);
+    Node* node = _nodes.make(record, randomLevel());
     if (node == nullptr) {
       return nullptr;
     }
@@ -95,11 +76,11 @@ class HFSPlusSkipList {
     if (top > _topLevel) {
       top = ++_topLevel;
     }
-    Node** links = linksOf(node);
+    Node** links = Nodes::linksOf(node);
     for (unsigned level = 0; level <= top; ++level) {
       links[level] = std::exchange(position._links[level][level], node);
     }
-    return recordOf(node);
+    return Nodes::recordOf(node);
   }
 
   /// Inserts a record in front of those that match it, and answers its copy in the list; null when
@@ -109,54 +90,44 @@ class HFSPlusSkipList {
     return insertAt(position, record);
   }
 
-  /// Removes a record of this list.
+  /// Removes a record of this list; it must be the only one that matches itself.
   void remove(const Record* record) {
     Position position = positionBefore(*record);
-    unlinkAt(position, record);
+    unlinkAt(position, Nodes::nodeOf(record));
   }
 
-  /// Removes the last record; nothing when the list is empty.
+  /// Removes the last record. The list must not be empty.
   void removeLast() {
-    Position position = positionWhile([](Node* node) { return linksOf(node)[0] != nullptr; });
-    if (Node* node = position._links[0][0]) {
-      unlinkAt(position, recordOf(node));
-    }
+    Position position =
+        positionWhile([](Node* node) { return Nodes::linksOf(node)[0] != nullptr; });
+    unlinkAt(position, position._links[0][0]);
   }
 
   /// The highest level in use.
   unsigned topLevel() const { return _topLevel; }
 
-  /// The level of a record's node; it may be higher than what the list links it on.
-  unsigned levelOf(const Record* record) const { return nodeOf(record)->level; }
+  /// The level that a record's node drew; the list may link it on fewer.
+  unsigned levelOf(const Record* record) const { return Nodes::nodeOf(record)->level; }
 
-  /// Bytes of memory that the nodes have been given so far.
-  size_t memoryUsage() const { return _blocks.size() * kBlockSize; }
+  /// Bytes of memory that the nodes have been given.
+  size_t memoryUsage() const { return _nodes.memoryUsage(); }
 
  private:
-  static_assert(std::is_trivially_copyable_v<Record> && std::is_standard_layout_v<Record>);
-  static_assert(kMaximumLevels > 0);
-
-  struct Node {
-    Record record;  // first, so that a record's address is its node's
-    uint32_t level;
-  };
-  static_assert(std::is_standard_layout_v<Node> && alignof(Node) <= alignof(Node*));
-
-  /// Forward pointers follow their node at this distance.
-  static constexpr size_t kLinkOffset =
-      (sizeof(Node) + alignof(Node*) - 1) / alignof(Node*) * alignof(Node*);
-  static constexpr size_t kBlockSize = 32768;
-  static_assert(kLinkOffset + kMaximumLevels * sizeof(Node*) <= kBlockSize);
-
-  static Node** linksOf(Node* node) {
-    return std::launder(reinterpret_cast<Node**>(reinterpret_cast<std::byte*>(node) + kLinkOffset));
+  /// The last of the run of nodes, from the front, that all pass a test.
+  template <typename Test>
+  Record* lastWhile(Test&& passes) const {
+    Node* before = nullptr;
+    Node* const* links = _head.data();
+    for (unsigned level = _topLevel + 1; level-- > 0;) {
+      while (links[level] != nullptr && passes(links[level])) {
+        before = links[level];
+        links = Nodes::linksOf(before);
+      }
+    }
+    return Nodes::recordOf(before);
   }
-  static Node* nodeOf(const Record* record) {
-    return reinterpret_cast<Node*>(const_cast<Record*>(record));
-  }
-  static Record* recordOf(Node* node) { return reinterpret_cast<Record*>(node); }
 
-  /// The place behind the longest run of nodes, from the front, that all pass a test.
+  /// The place behind that run. Levels above the top lead from the head, for nodes that raise it.
   template <typename Test>
   Position positionWhile(Test&& passes) {
     Position position;
@@ -165,35 +136,33 @@ class HFSPlusSkipList {
     for (unsigned level = _topLevel + 1; level-- > 0;) {
       while (links[level] != nullptr && passes(links[level])) {
         position._before = links[level];
-        links = linksOf(links[level]);
+        links = Nodes::linksOf(position._before);
       }
       position._links[level] = links;
     }
     return position;
   }
 
-  /// The place in front of every record that matches the key or lies after it.
   Position positionBefore(const Record& key) {
     return positionWhile([&](const Node* node) { return Compare{}(node->record, key) < 0; });
   }
 
-  /// Takes the record right of a place out of the list.
-  void unlinkAt(Position& position, const Record* record) {
-    Node* node = nodeOf(record);
-    LW_ASSERT(position._links[0][0] == node);
+  /// Takes the node right of a place out of the list.
+  void unlinkAt(Position& position, Node* node) {
+    LW_ASSERT(node != nullptr && position._links[0][0] == node);
     for (unsigned level = 0; level <= node->level; ++level) {
       if (position._links[level][level] != node) {
         break;
       }
-      position._links[level][level] = linksOf(node)[level];
+      position._links[level][level] = Nodes::linksOf(node)[level];
     }
     while (_topLevel >= 1 && _head[_topLevel] == nullptr) {
       --_topLevel;
     }
-    linksOf(node)[0] = std::exchange(_unused[node->level], node);
+    _nodes.recycle(node);
   }
 
-  /// Promotes a node with a probability of just under one half for every level.
+  /// Each level's promotion to the next has a probability of just under one half.
   unsigned randomLevel() {
     unsigned level = 0;
     while (_random.next() <= 0x7FFFFFFE && level < kMaximumLevels - 1) {
@@ -202,43 +171,8 @@ class HFSPlusSkipList {
     return level;
   }
 
-  Node* makeNode(const Record& record) {
-    unsigned level = randomLevel();
-    Node* node = _unused[level];
-    if (node != nullptr) {
-      _unused[level] = linksOf(node)[0];
-      node->record = record;
-    } else {
-      std::byte* storage = cutStorage(kLinkOffset + (level + 1) * sizeof(Node*));
-      if (storage == nullptr) {
-        return nullptr;
-      }
-      node = ::new (storage) Node{record, level};
-      for (unsigned link = 0; link <= level; ++link) {
-        ::new (storage + kLinkOffset + link * sizeof(Node*)) Node*(nullptr);
-      }
-    }
-    return node;
-  }
-
-  std::byte* cutStorage(size_t size) {
-    if (_blocks.empty() || kBlockSize - _used < size) {
-      std::unique_ptr<std::byte[]> block(new (std::nothrow) std::byte[kBlockSize]);
-      if (block == nullptr) {
-        return nullptr;
-      }
-      _blocks.push_back(std::move(block));
-      _used = 0;
-    }
-    std::byte* storage = _blocks.back().get() + _used;
-    _used += size;
-    return storage;
-  }
-
   HFSPlusRandom& _random;
   unsigned _topLevel = 0;
   std::array<Node*, kMaximumLevels> _head{};
-  std::array<Node*, kMaximumLevels> _unused{};  // removed nodes by level, chained by their link 0
-  std::vector<std::unique_ptr<std::byte[]>> _blocks;
-  size_t _used = 0;  // bytes of the last block
+  Nodes _nodes;
 };
