@@ -11,10 +11,11 @@
 #include "LWKit/LWFormat.hpp"
 #include "LWKit/LWStringUtilities.hpp"
 #include "Tasks/HFSPlusBitmapScaler.hpp"
+#include "Tasks/HFSPlusClosedGate.hpp"
 #include "XRDefragReport.hpp"
 
 HFSPlusBitmapTask::HFSPlusBitmapTask(HFSPlusVolume& volume, std::shared_ptr<LWToolEvent> event)
-    : XRDefragTask(volume), _hfsVolume(volume) {
+    : XRDefragTask(volume), _hfsPlusVolume(volume) {
   setArguments(LWTrimmedComponents(event->string()));
   setEvent(std::move(event));
   setName("BITMAP");
@@ -30,10 +31,8 @@ void HFSPlusBitmapTask::runTask() {
 
 Result<> HFSPlusBitmapTask::_bitmap() {
   uint32_t scale = TRY(parseArguments());
-  _hfsVolume.closeGate();
-  Result<> result = _parseAllocationWithScale(scale);
-  _hfsVolume.openGate();
-  return result;
+  HFSPlusClosedGate closed(_hfsPlusVolume);
+  return _parseAllocationWithScale(scale);
 }
 
 /// Sets the options and answers the scale.
@@ -60,13 +59,13 @@ Result<uint32_t> HFSPlusBitmapTask::parseArguments() {
 }
 
 Result<> HFSPlusBitmapTask::_parseAllocationWithScale(uint32_t scale) {
-  HFSPlusAllocation& allocation = _hfsVolume.allocation();
+  HFSPlusAllocation& allocation = _hfsPlusVolume.allocation();
   XRDefragReport& report = XRDefragReport::shared();
-  const HFSPlusVolumeHeader& header = _hfsVolume.hostVolumeHeader();
+  const HFSPlusVolumeHeader& header = _hfsPlusVolume.hostVolumeHeader();
   uint64_t totalBlocks = header.totalBlocks;
   uint32_t blocksAtEnd = header.blockSize <= 512 ? 2 : 1;
   _lastUsedLimit = header.totalBlocks - std::min(header.totalBlocks, blocksAtEnd);
-  uint64_t maskedBlocks = _maskMD ? _hfsVolume.firstDataBlock() : 0;
+  uint64_t maskedBlocks = _maskMD ? _hfsPlusVolume.firstDataBlock() : 0;
 
   uint64_t groups = (totalBlocks + scale - 1) / scale;
   report.print(LWFormat("%s,LENGTH,%llu\n", name(), (groups + 7) / 8));

@@ -24,7 +24,7 @@ class HFSPlusBitmapTask final : public XRDefragTask {
   Result<> _parseAllocationWithScale(uint32_t scale);
   void noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock);
 
-  HFSPlusVolume& _hfsVolume;
+  HFSPlusVolume& _hfsPlusVolume;
   bool _maskMD = false;  // show the metadata area at the volume's start as in use
   uint32_t _firstUnusedBlock = UINT32_MAX;  // as yet none
   uint32_t _lastUsedBlock = 0;
