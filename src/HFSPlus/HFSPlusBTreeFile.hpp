@@ -56,6 +56,8 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   std::span<const std::byte> freeNodeMap() const { return _freeNodeMap; }
   /// The lowest free node, or 0 if there is none.
   uint32_t getNextFreeNodeIndex() const;
+  /// Whether header and map agree that there are as many free nodes.
+  bool hasFreeNodes(uint32_t count) const;
   void markNodeAsUsed(uint32_t index);
   /// Also makes the node's image all zeros.
   void markNodeAsFree(uint32_t index);

@@ -74,14 +74,15 @@ class HFSPlusBTreeNode {
 
   /// Whether insertRecordData() takes a record of `size` bytes. A record that would fill the free
   /// space to the last byte is not taken.
-  bool hasRoomForRecord(uint32_t size) const { return size + 2 < freeSpace(); }
+  bool hasRoomForRecord(size_t size) const { return size + 2 < freeSpace(); }
 
   /// Inserts a record before the record at `index`, or behind the last one. Internal errors 356 (no
   /// such place) and 357 (no room); a leaf's record count that overflows.
   [[nodiscard]] Result<> insertRecordData(std::span<const std::byte> record, uint32_t index);
 
-  /// Removes a record. The offset table is left as it is, which is right when the record is the
-  /// last one or all records have one size. Internal error 408; a leaf's record count below zero.
+  /// Removes a record, which must exist. The offset table is left as it is, which is right when
+  /// the record is the last one or all records have one size. Fails with a leaf's record count
+  /// below zero.
   [[nodiscard]] Result<> deleteRecordAtIndex(uint32_t index);
 
   /// Overwrites a record with one of the same size and the same leading key bytes. Internal errors

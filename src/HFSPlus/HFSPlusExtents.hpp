@@ -60,32 +60,31 @@ class HFSPlusExtents : public HFSPlusBTreeFile {
 
  private:
   enum class Insertion { Done, NoRoom };
-  /// A key, and the record to insert under it, as they lie on disk.
-  struct Leaf;
+  /// A record to insert, and its key in host order.
+  struct NewRecord;
 
   explicit HFSPlusExtents(HFSPlusVolumeAccess& volume);
 
-  // Insertion (HFSPlusExtentsInsertion.cpp).
+  [[nodiscard]] Result<> _checkInsertion(const HFSPlusExtentKey& searchKey);
   [[nodiscard]] Result<uint32_t> _getNextFreeNodeIndex() const;
   [[nodiscard]] Result<> _createRootNode();
-  [[nodiscard]] Result<> _growRoot();
-  [[nodiscard]] Result<> _checkFreeNodes(const HFSPlusExtentKey& searchKey);
-  [[nodiscard]] Result<Insertion> _insertRecord(HFSPlusBTreeNode& node, const Leaf& leaf,
+  [[nodiscard]] Result<HFSPlusBTreeNodeHold> _growRoot(HFSPlusBTreeNodeHold root);
+  [[nodiscard]] Result<Insertion> _insertRecord(HFSPlusBTreeNode& node, const NewRecord& record,
                                                 uint32_t levels);
-  [[nodiscard]] Result<Insertion> _insertIntoLeaf(HFSPlusBTreeNode& node, const Leaf& leaf);
+  [[nodiscard]] Result<Insertion> _insertIntoLeaf(HFSPlusBTreeNode& leaf, const NewRecord& record);
+  [[nodiscard]] Result<Insertion> _insertBelow(HFSPlusBTreeNode& node, const NewRecord& record,
+                                               uint32_t levels);
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> _splitNode(HFSPlusBTreeNode& node);
-  [[nodiscard]] Result<> _splitChild(HFSPlusBTreeNode& node, uint32_t position,
-                                     HFSPlusBTreeNode& child);
 
-  // Deletion (HFSPlusExtentsDeletion.cpp).
   [[nodiscard]] Result<> _deleteRecord(HFSPlusBTreeNode& node, const HFSPlusExtentKey& searchKey,
                                        uint32_t levels);
-  [[nodiscard]] Result<> _deleteFromLeaf(HFSPlusBTreeNode& node, const HFSPlusExtentKey& searchKey);
   [[nodiscard]] Result<> _removeChild(HFSPlusBTreeNode& node, uint32_t position,
                                       HFSPlusBTreeNode& child);
   [[nodiscard]] Result<> _collapseRoot(HFSPlusBTreeNode& root);
-  [[nodiscard]] Result<> _unlinkNode(HFSPlusBTreeNode& node);
+  [[nodiscard]] Result<> _unlinkAndFreeNode(HFSPlusBTreeNode& node);
 
+  [[nodiscard]] Result<HFSPlusBTreeNodeHold> _childAtIndex(const HFSPlusBTreeNode& node,
+                                                           uint32_t position);
   /// The neighbour that a link names, which must link back; an empty hold for the link 0.
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> _rightNeighbour(const HFSPlusBTreeNode& node);
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> _leftNeighbour(const HFSPlusBTreeNode& node);
