@@ -38,6 +38,9 @@ class HFSPlusFile {
   HFSPlusVolumeAccess& volume() const { return _volume; }
 
  private:
+  /// Reads whole blocks, piece by contiguous piece.
+  Result<> readPieces(std::span<std::byte> bytes, uint64_t offset) const;
+
   uint32_t _fileID;
   HFSPlusVolumeAccess& _volume;
   const HFSPlusForkData* _hostForkData;

@@ -247,32 +247,166 @@ struct HFSPlusCatalogFile {
 
 #pragma pack(pop)
 
-static_assert(sizeof(HFSPlusExtentDescriptor) == 8);
 static_assert(sizeof(HFSPlusExtentRecord) == 64);
+
+static_assert(sizeof(HFSPlusExtentDescriptor) == 8);
+static_assert(offsetof(HFSPlusExtentDescriptor, startBlock) == 0);
+static_assert(offsetof(HFSPlusExtentDescriptor, blockCount) == 4);
+
 static_assert(sizeof(HFSPlusForkData) == 80);
+static_assert(offsetof(HFSPlusForkData, logicalSize) == 0);
+static_assert(offsetof(HFSPlusForkData, clumpSize) == 8);
+static_assert(offsetof(HFSPlusForkData, totalBlocks) == 12);
 static_assert(offsetof(HFSPlusForkData, extents) == 16);
+
 static_assert(sizeof(HFSPlusVolumeHeader) == 512);
+static_assert(offsetof(HFSPlusVolumeHeader, signature) == 0);
+static_assert(offsetof(HFSPlusVolumeHeader, version) == 2);
+static_assert(offsetof(HFSPlusVolumeHeader, attributes) == 4);
+static_assert(offsetof(HFSPlusVolumeHeader, lastMountedVersion) == 8);
+static_assert(offsetof(HFSPlusVolumeHeader, journalInfoBlock) == 12);
+static_assert(offsetof(HFSPlusVolumeHeader, createDate) == 16);
+static_assert(offsetof(HFSPlusVolumeHeader, modifyDate) == 20);
+static_assert(offsetof(HFSPlusVolumeHeader, backupDate) == 24);
+static_assert(offsetof(HFSPlusVolumeHeader, checkedDate) == 28);
+static_assert(offsetof(HFSPlusVolumeHeader, fileCount) == 32);
+static_assert(offsetof(HFSPlusVolumeHeader, folderCount) == 36);
+static_assert(offsetof(HFSPlusVolumeHeader, blockSize) == 40);
+static_assert(offsetof(HFSPlusVolumeHeader, totalBlocks) == 44);
+static_assert(offsetof(HFSPlusVolumeHeader, freeBlocks) == 48);
+static_assert(offsetof(HFSPlusVolumeHeader, nextAllocation) == 52);
+static_assert(offsetof(HFSPlusVolumeHeader, rsrcClumpSize) == 56);
+static_assert(offsetof(HFSPlusVolumeHeader, dataClumpSize) == 60);
+static_assert(offsetof(HFSPlusVolumeHeader, nextCatalogID) == 64);
+static_assert(offsetof(HFSPlusVolumeHeader, writeCount) == 68);
 static_assert(offsetof(HFSPlusVolumeHeader, encodingsBitmap) == 72);
 static_assert(offsetof(HFSPlusVolumeHeader, finderInfo) == 80);
 static_assert(offsetof(HFSPlusVolumeHeader, allocationFile) == 112);
+static_assert(offsetof(HFSPlusVolumeHeader, extentsFile) == 192);
+static_assert(offsetof(HFSPlusVolumeHeader, catalogFile) == 272);
+static_assert(offsetof(HFSPlusVolumeHeader, attributesFile) == 352);
 static_assert(offsetof(HFSPlusVolumeHeader, startupFile) == 432);
+
 static_assert(sizeof(BTNodeDescriptor) == 14);
+static_assert(offsetof(BTNodeDescriptor, fLink) == 0);
+static_assert(offsetof(BTNodeDescriptor, bLink) == 4);
+static_assert(offsetof(BTNodeDescriptor, kind) == 8);
+static_assert(offsetof(BTNodeDescriptor, height) == 9);
+static_assert(offsetof(BTNodeDescriptor, numRecords) == 10);
+static_assert(offsetof(BTNodeDescriptor, reserved) == 12);
+
 static_assert(sizeof(BTHeaderRec) == 106);
+static_assert(offsetof(BTHeaderRec, treeDepth) == 0);
+static_assert(offsetof(BTHeaderRec, rootNode) == 2);
+static_assert(offsetof(BTHeaderRec, leafRecords) == 6);
+static_assert(offsetof(BTHeaderRec, firstLeafNode) == 10);
+static_assert(offsetof(BTHeaderRec, lastLeafNode) == 14);
 static_assert(offsetof(BTHeaderRec, nodeSize) == 18);
+static_assert(offsetof(BTHeaderRec, maxKeyLength) == 20);
+static_assert(offsetof(BTHeaderRec, totalNodes) == 22);
+static_assert(offsetof(BTHeaderRec, freeNodes) == 26);
+static_assert(offsetof(BTHeaderRec, reserved1) == 30);
+static_assert(offsetof(BTHeaderRec, clumpSize) == 32);
+static_assert(offsetof(BTHeaderRec, btreeType) == 36);
 static_assert(offsetof(BTHeaderRec, keyCompareType) == 37);
 static_assert(offsetof(BTHeaderRec, attributes) == 38);
+static_assert(offsetof(BTHeaderRec, reserved3) == 42);
+
 static_assert(sizeof(HFSUniStr255) == 512);
+static_assert(offsetof(HFSUniStr255, length) == 0);
+static_assert(offsetof(HFSUniStr255, unicode) == 2);
+
 static_assert(sizeof(HFSPlusCatalogKey) == 518);
+static_assert(offsetof(HFSPlusCatalogKey, keyLength) == 0);
+static_assert(offsetof(HFSPlusCatalogKey, parentID) == 2);
+static_assert(offsetof(HFSPlusCatalogKey, nodeName) == 6);
+
 static_assert(sizeof(HFSPlusExtentKey) == 12);
+static_assert(offsetof(HFSPlusExtentKey, keyLength) == 0);
+static_assert(offsetof(HFSPlusExtentKey, forkType) == 2);
+static_assert(offsetof(HFSPlusExtentKey, pad) == 3);
+static_assert(offsetof(HFSPlusExtentKey, fileID) == 4);
+static_assert(offsetof(HFSPlusExtentKey, startBlock) == 8);
+
 static_assert(sizeof(HFSPlusAttrKey) == 268);
+static_assert(offsetof(HFSPlusAttrKey, keyLength) == 0);
+static_assert(offsetof(HFSPlusAttrKey, pad) == 2);
+static_assert(offsetof(HFSPlusAttrKey, fileID) == 4);
+static_assert(offsetof(HFSPlusAttrKey, startBlock) == 8);
+static_assert(offsetof(HFSPlusAttrKey, attrNameLen) == 12);
+static_assert(offsetof(HFSPlusAttrKey, attrName) == 14);
+
 static_assert(sizeof(HotFileKey) == 12);
+static_assert(offsetof(HotFileKey, keyLength) == 0);
+static_assert(offsetof(HotFileKey, forkType) == 2);
+static_assert(offsetof(HotFileKey, pad) == 3);
+static_assert(offsetof(HotFileKey, temperature) == 4);
+static_assert(offsetof(HotFileKey, fileID) == 8);
+
 static_assert(sizeof(HFSPlusBSDInfo) == 16);
+static_assert(offsetof(HFSPlusBSDInfo, ownerID) == 0);
+static_assert(offsetof(HFSPlusBSDInfo, groupID) == 4);
+static_assert(offsetof(HFSPlusBSDInfo, adminFlags) == 8);
+static_assert(offsetof(HFSPlusBSDInfo, ownerFlags) == 9);
+static_assert(offsetof(HFSPlusBSDInfo, fileMode) == 10);
+static_assert(offsetof(HFSPlusBSDInfo, special) == 12);
+
+static_assert(sizeof(FndrPoint) == 4);
+static_assert(offsetof(FndrPoint, v) == 0);
+static_assert(offsetof(FndrPoint, h) == 2);
+
 static_assert(sizeof(FndrFileInfo) == 16);
+static_assert(offsetof(FndrFileInfo, fdType) == 0);
+static_assert(offsetof(FndrFileInfo, fdCreator) == 4);
+static_assert(offsetof(FndrFileInfo, fdFlags) == 8);
+static_assert(offsetof(FndrFileInfo, fdLocation) == 10);
+static_assert(offsetof(FndrFileInfo, opaque) == 14);
+
+static_assert(sizeof(FndrRect) == 8);
+static_assert(offsetof(FndrRect, top) == 0);
+static_assert(offsetof(FndrRect, left) == 2);
+static_assert(offsetof(FndrRect, bottom) == 4);
+static_assert(offsetof(FndrRect, right) == 6);
+
 static_assert(sizeof(FndrDirInfo) == 16);
+static_assert(offsetof(FndrDirInfo, frRect) == 0);
+static_assert(offsetof(FndrDirInfo, frFlags) == 8);
+static_assert(offsetof(FndrDirInfo, frLocation) == 10);
+static_assert(offsetof(FndrDirInfo, opaque) == 14);
+
 static_assert(sizeof(FndrOpaqueInfo) == 16);
+static_assert(offsetof(FndrOpaqueInfo, opaque) == 0);
+
 static_assert(sizeof(HFSPlusCatalogFolder) == 88);
+static_assert(offsetof(HFSPlusCatalogFolder, recordType) == 0);
+static_assert(offsetof(HFSPlusCatalogFolder, flags) == 2);
+static_assert(offsetof(HFSPlusCatalogFolder, valence) == 4);
+static_assert(offsetof(HFSPlusCatalogFolder, folderID) == 8);
+static_assert(offsetof(HFSPlusCatalogFolder, createDate) == 12);
+static_assert(offsetof(HFSPlusCatalogFolder, contentModDate) == 16);
+static_assert(offsetof(HFSPlusCatalogFolder, attributeModDate) == 20);
+static_assert(offsetof(HFSPlusCatalogFolder, accessDate) == 24);
+static_assert(offsetof(HFSPlusCatalogFolder, backupDate) == 28);
+static_assert(offsetof(HFSPlusCatalogFolder, bsdInfo) == 32);
+static_assert(offsetof(HFSPlusCatalogFolder, userInfo) == 48);
+static_assert(offsetof(HFSPlusCatalogFolder, finderInfo) == 64);
+static_assert(offsetof(HFSPlusCatalogFolder, textEncoding) == 80);
+static_assert(offsetof(HFSPlusCatalogFolder, folderCount) == 84);
+
 static_assert(sizeof(HFSPlusCatalogFile) == 248);
+static_assert(offsetof(HFSPlusCatalogFile, recordType) == 0);
+static_assert(offsetof(HFSPlusCatalogFile, flags) == 2);
+static_assert(offsetof(HFSPlusCatalogFile, reserved1) == 4);
+static_assert(offsetof(HFSPlusCatalogFile, fileID) == 8);
+static_assert(offsetof(HFSPlusCatalogFile, createDate) == 12);
+static_assert(offsetof(HFSPlusCatalogFile, contentModDate) == 16);
+static_assert(offsetof(HFSPlusCatalogFile, attributeModDate) == 20);
+static_assert(offsetof(HFSPlusCatalogFile, accessDate) == 24);
+static_assert(offsetof(HFSPlusCatalogFile, backupDate) == 28);
 static_assert(offsetof(HFSPlusCatalogFile, bsdInfo) == 32);
 static_assert(offsetof(HFSPlusCatalogFile, userInfo) == 48);
+static_assert(offsetof(HFSPlusCatalogFile, finderInfo) == 64);
+static_assert(offsetof(HFSPlusCatalogFile, textEncoding) == 80);
+static_assert(offsetof(HFSPlusCatalogFile, reserved2) == 84);
 static_assert(offsetof(HFSPlusCatalogFile, dataFork) == 88);
 static_assert(offsetof(HFSPlusCatalogFile, resourceFork) == 168);
