@@ -99,17 +99,21 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   /// unfinished: the next flush(), discardChanges() or endRewriting() completes it first.
   [[nodiscard]] Result<> flush();
 
-  /// From here the first write of anything marks the on-disk header as in flux first.
+  /// From here the first write of anything marks the on-disk header as in flux first, and every
+  /// flush makes the header's free-block count agree with the bitmap.
   void beginRewriting() { _rewriting = true; }
 
-  /// Flushes, makes the header's free-block count agree with the bitmap and takes the mark off the
-  /// headers on disk. To be called whatever ended the run; after an error the mark stays.
+  /// Flushes and takes the mark off the headers on disk. To be called whatever ended the run; after
+  /// an error the mark stays.
   [[nodiscard]] Result<> endRewriting();
 
   /// Forgets every metadata change since the last flush: everything reads as it is on disk.
   [[nodiscard]] Result<> discardChanges();
 
  private:
+  /// Whether the header on disk says that the volume is in flux.
+  enum class FluxMark { Absent, Uncertain, Present };
+
   explicit HFSPlusVolume(const XRDefragVolume& device);
 
   Result<> _open();
@@ -121,14 +125,24 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   void _logVolumeInfo() const;
   HFSPlusForkData* _specialForkData(uint32_t fileID);
 
+  // Writing (HFSPlusVolumeFlush.cpp).
+  bool isInVolume(uint64_t offset, uint64_t size) const;
   Result<> _flushSpecialFiles();
-  Result<std::optional<HFSPlusFlushPlan>> _planFlush();
+  void _settleFreeBlocks();
+  Result<HFSPlusFlushPlan> _planFlush();
+  Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
+  void _planHeaders(HFSPlusFlushPlan& plan);
   Result<> _finishFlush();
+  Result<> _writePlan(const HFSPlusFlushPlan& plan);
   Result<> _markInFlux();
-  Result<> _writeHeader(uint32_t attributes, uint64_t offset);
-  uint32_t _onDiskAttributes() const;
+  Result<> _unmark();
+  HFSPlusVolumeHeader _onDiskHeader(const HFSPlusVolumeHeader& host) const;
+  Result<> _writeHeader(const HFSPlusVolumeHeader& host, uint64_t offset);
+  uint64_t _alternateOffset() const;
 
-  HFSPlusVolumeHeader _hostVolumeHeader{};
+  // The format aligns the headers' fields naturally, as long as the headers are.
+  alignas(8) HFSPlusVolumeHeader _hostVolumeHeader{};
+  alignas(8) HFSPlusVolumeHeader _flushedHeader{};  // the host header as the last flush left it
   std::string _name;
   uint32_t _version = 0;
   bool _HFSPlus = false;
@@ -143,12 +157,10 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   std::map<uint32_t, std::unique_ptr<HFSPlusForkData>> _hostForkDataCache;
 
   HFSPlusHeldWrites _heldWrites;
-  HFSPlusVolumeHeader _flushedHeader{};  // the host header as the last flush left it
-  std::optional<HFSPlusFlushPlan> _unfinishedFlush;
-  int64_t _freeBlockDrift = 0;  // flushed changes of the bitmap that the free count missed
+  std::optional<HFSPlusFlushPlan> _unfinishedFlush;  // some of its writes may have been done
   bool _rewriting = false;
-  bool _inFlux = false;           // the header on disk carries the mark
-  bool _alternateInFlux = false;  // and so does the alternate
+  FluxMark _fluxMark = FluxMark::Absent;
+  bool _alternateWritten = false;  // since the mark was set, so it carries the mark as well
 
   // Last, so that they go first: they refer to everything above.
   std::unique_ptr<HFSPlusExtents> _extents;

@@ -1,0 +1,246 @@
+// How an HFSPlusVolume writes. The order of a flush, which is what keeps a volume whole:
+//
+//   1. The special files hand over what changed. Nothing is written if one of them cannot.
+//   2. The plan is made: every byte of the flush and its place, as the forks lie now.
+//   3. During a rewriting run the header on disk is marked as in flux, if it is not yet; synced.
+//   4. Sync: the file data that the new metadata describes is on stable storage.
+//   5. The plan is written, by ascending place. From here it has to be completed: an error leaves
+//      it unfinished, and nothing else is written before it has been written as a whole.
+//   6. Sync. The held writes are forgotten; the device has them.
+
+#include <algorithm>
+#include <array>
+
+#include "HFSPlus/HFSPlusAllocation.hpp"
+#include "HFSPlus/HFSPlusAttributes.hpp"
+#include "HFSPlus/HFSPlusCatalog.hpp"
+#include "HFSPlus/HFSPlusExtents.hpp"
+#include "HFSPlus/HFSPlusVolume.hpp"
+#include "LWKit/LWDebug.hpp"
+
+namespace {
+
+XRDefragError writeFailure() {
+  return XRDefragError::localized("Write failure.");
+}
+
+void logError(const XRDefragError& error) {
+  LWDebugLog(LWDebugLevel::Warning, "%@\n", error.description());
+}
+
+/// The result, or "Write failure." after what it says has been logged.
+Result<> asWriteFailure(const Result<>& result) {
+  if (!result) {
+    logError(result.error());
+    return std::unexpected(writeFailure());
+  }
+  return {};
+}
+
+}  // namespace
+
+bool HFSPlusVolume::isInVolume(uint64_t offset, uint64_t size) const {
+  return offset <= _volumeSizeBytes && size <= _volumeSizeBytes - offset;
+}
+
+Result<> HFSPlusVolume::read(std::span<std::byte> bytes, uint64_t offset) {
+  if (!isInVolume(offset, bytes.size())) {
+    return std::unexpected(
+        XRDefragError::localized("Out of range read failed at offset %llu and size %lu.",
+                                 _volumeStartOffset + offset, bytes.size()));
+  }
+  return XRDefragVolume::read(bytes, _volumeStartOffset + offset);
+}
+
+Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset) {
+  if (!isInVolume(offset, bytes.size())) {
+    return std::unexpected(
+        XRDefragError::localized("Out of range write failed at offset %llu and size %lu.",
+                                 _volumeStartOffset + offset, bytes.size()));
+  }
+  if (bytes.empty()) {
+    return {};
+  }
+  TRY(_markInFlux());
+  _willBumpWriteCount = true;
+  return XRDefragVolume::write(bytes, _volumeStartOffset + offset);
+}
+
+Result<> HFSPlusVolume::flush() {
+  TRY(_finishFlush());
+  TRY(_flushSpecialFiles());
+  HFSPlusFlushPlan plan = TRY(_planFlush());
+  if (plan.empty()) {
+    return {};
+  }
+  TRY(_markInFlux());
+  TRY(synchronize());
+  _dirty = false;
+  _unfinishedFlush = std::move(plan);
+  TRY(_finishFlush());
+  _heldWrites.clear();
+  return {};
+}
+
+Result<> HFSPlusVolume::_flushSpecialFiles() {
+  bool complete = true;
+  const auto note = [&complete](const Result<>& flushed) {
+    if (!flushed) {
+      logError(flushed.error());
+      complete = false;
+    }
+  };
+  note(_allocation->flush());
+  if (_attributes) {
+    note(_attributes->flush());
+  }
+  note(_catalog->flush());
+  note(_extents->flush());
+  if (!complete) {
+    return std::unexpected(writeFailure());
+  }
+  return {};
+}
+
+Result<HFSPlusFlushPlan> HFSPlusVolume::_planFlush() {
+  HFSPlusFlushPlan plan;
+  TRY(asWriteFailure(_planHeldWrites(plan)));
+  _settleFreeBlocks();
+  _planHeaders(plan);
+  plan.sort();
+  return plan;
+}
+
+Result<> HFSPlusVolume::_planHeldWrites(HFSPlusFlushPlan& plan) {
+  for (const auto& [key, held] : _heldWrites.pieces()) {
+    const HFSPlusForkData* forkData = hostForkData(key.fileID);
+    if (forkData == nullptr) {
+      return std::unexpected(XRDefragError::internalHere());
+    }
+    std::span<const std::byte> bytes = held;
+    uint64_t offset = key.offset;
+    while (!bytes.empty()) {
+      const HFSPlusTranslation place =
+          TRY(translateOffset(offset, key.fileID, kHFSDataForkType, *forkData));
+      const auto piece = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
+      plan.add(place.offset, piece, HFSPlusFlushPlan::Kind::SpecialFile);
+      bytes = bytes.subspan(piece.size());
+      offset += piece.size();
+    }
+  }
+  return {};
+}
+
+/// The bitmap counts a range as changed as a whole even where some of its bits were as they should
+/// be; what a rewriting run leaves behind has to add up.
+void HFSPlusVolume::_settleFreeBlocks() {
+  if (_rewriting) {
+    updateFreeBlocks(_allocation->takeFreeBlockDrift());
+  }
+}
+
+void HFSPlusVolume::_planHeaders(HFSPlusFlushPlan& plan) {
+  if (_dirty || !plan.empty()) {
+    _willBumpWriteCount = true;
+  }
+  if (_willBumpWriteCount && !_didBumpWriteCount) {
+    ++_hostVolumeHeader.writeCount;
+    _didBumpWriteCount = true;
+  }
+  if (_dirty || _hostVolumeHeader.writeCount != _flushedHeader.writeCount) {
+    plan.addHeaders(_hostVolumeHeader, toDisk(_onDiskHeader(_hostVolumeHeader)),
+                    _dirty ? _alternateOffset() : 0);
+  }
+}
+
+Result<> HFSPlusVolume::_finishFlush() {
+  if (!_unfinishedFlush) {
+    return {};
+  }
+  const HFSPlusFlushPlan& plan = *_unfinishedFlush;
+  _alternateWritten = _alternateWritten || plan.writesAlternate();
+  if (auto written = _writePlan(plan); !written) {
+    _unfinishedFlush->keepCopies();
+    return written;
+  }
+  if (plan.writesHeader()) {
+    _flushedHeader = plan.hostHeader();
+  }
+  _unfinishedFlush.reset();
+  return {};
+}
+
+Result<> HFSPlusVolume::_writePlan(const HFSPlusFlushPlan& plan) {
+  for (const HFSPlusFlushPlan::Piece& piece : plan.pieces()) {
+    const auto written = XRDefragVolume::write(piece.bytes, _volumeStartOffset + piece.offset);
+    TRY(piece.kind == HFSPlusFlushPlan::Kind::Header ? written : asWriteFailure(written));
+  }
+  return synchronize();
+}
+
+Result<> HFSPlusVolume::endRewriting() {
+  TRY(flush());
+  TRY(_unmark());
+  _rewriting = false;
+  return {};
+}
+
+Result<> HFSPlusVolume::discardChanges() {
+  // What a flush has begun to write cannot be taken back, only completed.
+  TRY(_finishFlush());
+  _heldWrites.clear();
+  const uint32_t writeCount = _hostVolumeHeader.writeCount;
+  _hostVolumeHeader = _flushedHeader;
+  _hostVolumeHeader.writeCount = writeCount;
+  _dirty = false;
+  // All of them, whatever one meets: none may keep what the next flush would write.
+  std::array results = {_extents->discardChanges(), _allocation->discardChanges(),
+                        _catalog->discardChanges(),
+                        _attributes ? _attributes->discardChanges() : Result<>()};
+  static_cast<void>(_allocation->takeFreeBlockDrift());
+  const auto failed = std::ranges::find_if(results, [](const auto& result) { return !result; });
+  return failed == results.end() ? Result<>() : std::move(*failed);
+}
+
+Result<> HFSPlusVolume::_markInFlux() {
+  if (!_rewriting || _fluxMark == FluxMark::Present) {
+    return {};
+  }
+  _fluxMark = FluxMark::Uncertain;
+  TRY(_writeHeader(_onDiskHeader(_flushedHeader), kHFSPlusVolumeHeaderOffset));
+  _fluxMark = FluxMark::Present;
+  return {};
+}
+
+Result<> HFSPlusVolume::_unmark() {
+  if (_fluxMark == FluxMark::Absent) {
+    return {};
+  }
+  // The primary last: as long as it carries the mark, nobody takes the volume for finished.
+  if (_alternateWritten) {
+    TRY(_writeHeader(_flushedHeader, _alternateOffset()));
+  }
+  _fluxMark = FluxMark::Uncertain;
+  TRY(_writeHeader(_flushedHeader, kHFSPlusVolumeHeaderOffset));
+  _alternateWritten = false;
+  _fluxMark = FluxMark::Absent;
+  return {};
+}
+
+HFSPlusVolumeHeader HFSPlusVolume::_onDiskHeader(const HFSPlusVolumeHeader& host) const {
+  HFSPlusVolumeHeader header = host;
+  if (_rewriting || _fluxMark != FluxMark::Absent) {
+    header.attributes &= ~kHFSVolumeUnmountedMask;
+    header.attributes |= kHFSVolumeInconsistentMask;
+  }
+  return header;
+}
+
+Result<> HFSPlusVolume::_writeHeader(const HFSPlusVolumeHeader& host, uint64_t offset) {
+  TRY(XRDefragVolume::write(toDisk(host).bytes, _volumeStartOffset + offset));
+  return synchronize();
+}
+
+uint64_t HFSPlusVolume::_alternateOffset() const {
+  return _volumeSizeBytes - kHFSPlusAlternateVolumeHeaderDistance;
+}
