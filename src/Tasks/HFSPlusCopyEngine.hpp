@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "Tasks/HFSPlusCopyList.hpp"
+#include "Tasks/HFSPlusCopyZone.hpp"
+#include "Tasks/HFSPlusSourceMode.hpp"
+#include "XRDefragError.hpp"
+
+class HFSPlusCopyBuffer;
+class HFSPlusDefragProgress;
+class HFSPlusDefragStretch;
+class HFSPlusForkExtents;
+class HFSPlusVolume;
+
+/// The run loop: fills the lowest free space of the volume with what the mode picks, batch by
+/// batch, until the mode has nothing more.
+///
+///     stretch ──► zone ──► fill ──► carry out ──► update source ─┐
+///       ▲  built    free or   planned   (HFSPlusCopyList)         │
+///       │  anew     evicted   only                                │
+///       └─────────────────────────────────────────────────────────┘
+///
+/// Everything below the map's front has its place; each batch takes the copy zone, at most a copy
+/// buffer of blocks, off the front. The zone is free before anything is planned into it, so that
+/// a destination never is a source of the same batch, and a batch never writes on blocks that the
+/// last flush still refers to. Each batch that follows on an eviction settles as many blocks as the
+/// eviction moved, so that a run moves its blocks about twice at most.
+class HFSPlusCopyEngine {
+ public:
+  /// Everything handed over must outlive the engine, and the stretch be built. `cancelled` is asked
+  /// between batches and transfers.
+  HFSPlusCopyEngine(HFSPlusVolume& volume, HFSPlusDefragStretch& stretch, HFSPlusSourceMode& mode,
+                    const HFSPlusCopyBuffer& buffer, HFSPlusDefragProgress& progress,
+                    std::function<bool()> cancelled);
+
+  /// Runs to the end. Fails with "The amount of free space is insufficient.", "Volume is too
+  /// congested, unable to continue.", internal errors, when cancelled, and with the errors of
+  /// everything that it uses.
+  [[nodiscard]] Result<> run();
+
+ private:
+  enum class Outcome { GoOn, MapRebuilt, RunComplete };
+  struct Zone {
+    Outcome outcome;
+    uint32_t blocks;
+  };
+
+  Result<> _run();
+  Result<bool> _prepareStretch();
+  Result<> _rebuildStretch(uint32_t startBlock);
+  Result<Zone> _prepareZone();
+  Result<Outcome> _fillZone(uint32_t zoneBlocks);
+  Result<uint32_t> _placeSource(HFSPlusSourceEntry source, uint32_t room);
+  Result<> _leaveExtentsFile(uint32_t front);
+
+  HFSPlusVolume& _volume;
+  HFSPlusDefragStretch& _stretch;
+  HFSPlusSourceMode& _mode;
+  const HFSPlusCopyBuffer& _buffer;
+  std::function<bool()> _cancelled;
+  HFSPlusCopyList _copyList;
+  HFSPlusCopyZone _zone;
+  bool _mapIsUsedUp = false;      // the mode found nothing in the map
+  uint32_t _fruitlessBuilds = 0;  // rebuilds in a row without a block placed between them
+};

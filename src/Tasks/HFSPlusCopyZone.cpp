@@ -1,0 +1,134 @@
+#include "Tasks/HFSPlusCopyZone.hpp"
+
+#include <algorithm>
+
+#include "HFSPlus/HFSPlusForkExtents.hpp"
+#include "HFSPlus/HFSPlusVolume.hpp"
+#include "LWKit/LWDebug.hpp"
+#include "Tasks/HFSPlusCopyList.hpp"
+#include "Tasks/HFSPlusDefragStretch.hpp"
+
+uint32_t HFSPlusCopyZone::countFreeBlocks(uint32_t zoneBlocks) const {
+  const HFSPlusExtentMap& map = _stretch.map();
+  uint32_t blocks = 0;
+  for (auto run = map.firstEntry(); run && blocks < zoneBlocks; run = map.nextEntry(run->entry)) {
+    switch (run->entry->info.type) {
+      case kHFSPlusExtentImmutable:
+        break;
+      case kHFSPlusExtentUnalloced:
+        blocks += run->count;
+        break;
+      case kHFSPlusExtentAllocated:
+        return blocks;
+      default:
+        LWPanic("unhandled extent type: %u\n", uint32_t{run->entry->info.type});
+    }
+  }
+  return blocks;
+}
+
+auto HFSPlusCopyZone::_measure(uint32_t zoneBlocks) const -> Result<Measure> {
+  const HFSPlusExtentMap& map = _stretch.map();
+  Measure measure{map.startBlock(), 0};
+  uint32_t movable = 0;
+  for (auto run = map.firstEntry(); movable < zoneBlocks; run = map.nextEntry(run->entry)) {
+    if (!run) {
+      return std::unexpected(XRDefragError::internalHere());
+    }
+    if (run->entry->info.type == kHFSPlusExtentImmutable) {
+      measure.end += run->count;
+      continue;
+    }
+    const uint32_t inside = std::min(run->count, zoneBlocks - movable);
+    movable += inside;
+    measure.end += inside;
+    measure.freeBlocks += run->entry->info.type == kHFSPlusExtentUnalloced ? inside : 0;
+  }
+  return measure;
+}
+
+auto HFSPlusCopyZone::evict(uint32_t zoneBlocks) -> Result<Eviction> {
+  const Measure zone = TRY(_measure(zoneBlocks));
+  if (zone.end >= _volume.hostVolumeHeader().totalBlocks) {
+    return Eviction::TooLittleSpace;
+  }
+  if (_stretch.reachesVolumeEnd()) {
+    // The map knows every free block there is, which spares a search of the bitmap.
+    const uint32_t all = _stretch.map().blockCountForType(kHFSPlusExtentUnalloced);
+    if (all - zone.freeBlocks < zoneBlocks) {
+      return Eviction::TooLittleSpace;
+    }
+  }
+
+  for (const Order order : {Order::ByBlock, Order::ExtentsFileFirst}) {
+    if (!TRY(_planEviction(zone, zoneBlocks, order))) {
+      return Eviction::TooLittleSpace;
+    }
+    if (TRY(_extentsFileStaysWhole())) {
+      TRY(_copyList.performCopyList(false));
+      _copyList.disposeCopyList();
+      return Eviction::Done;
+    }
+    _copyList.disposeCopyList();
+  }
+  return Eviction::ExtentsFileInTheWay;
+}
+
+/// Lists the moves; false if there is too little free space beyond the zone.
+Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBlocks, Order order) {
+  const auto freeMap = TRY(HFSPlusFreeMap::open(
+      _volume, _volume.allocation(), static_cast<uint32_t>(zone.end), zoneBlocks, zoneBlocks));
+  if (freeMap->blockCount() < zoneBlocks) {
+    return false;
+  }
+  if (order == Order::ByBlock) {
+    TRY(_appendEvictions(*freeMap, zoneBlocks, Whose::Everybodys));
+  } else {
+    TRY(_appendEvictions(*freeMap, zoneBlocks, Whose::ExtentsFiles));
+    TRY(_appendEvictions(*freeMap, zoneBlocks, Whose::AllOthers));
+  }
+  return true;
+}
+
+Result<> HFSPlusCopyZone::_appendEvictions(HFSPlusFreeMap& freeMap, uint32_t zoneBlocks,
+                                           Whose whose) {
+  const HFSPlusExtentMap& map = _stretch.map();
+  uint32_t passed = 0;
+  for (auto run = map.firstEntry(); run && passed < zoneBlocks; run = map.nextEntry(run->entry)) {
+    const HFSPlusExtentMapEntry& entry = *run->entry;
+    if (entry.info.type == kHFSPlusExtentImmutable) {
+      continue;
+    }
+    const uint32_t inside = std::min(run->count, zoneBlocks - passed);
+    passed += inside;
+    const Whose otherPass =
+        entry.cnid == kHFSExtentsFileID ? Whose::AllOthers : Whose::ExtentsFiles;
+    if (entry.info.type != kHFSPlusExtentAllocated || whose == otherPass) {
+      continue;
+    }
+    for (uint32_t placed = 0; placed < inside;) {
+      const HFSPlusExtentDescriptor place = TRY(freeMap.allocate(inside - placed));
+      _copyList.appendCopyEntry(entry, placed, place.blockCount, place.startBlock);
+      placed += place.blockCount;
+    }
+  }
+  return {};
+}
+
+/// Whether the listed moves leave the extents file in as many pieces as the header can hold; it
+/// finds itself by the header alone and has no overflow records.
+Result<bool> HFSPlusCopyZone::_extentsFileStaysWhole() const {
+  const auto isExtentsFile = [](const HFSPlusCopyEntry& entry) {
+    return entry.entry.cnid == kHFSExtentsFileID;
+  };
+  if (std::ranges::none_of(_copyList.entries(), isExtentsFile)) {
+    return true;
+  }
+  const auto fork = TRY(HFSPlusForkExtents::open(_volume, kHFSExtentsFileID, kHFSDataForkType));
+  for (const HFSPlusCopyEntry& entry : _copyList.entries()) {
+    if (isExtentsFile(entry)) {
+      TRY(fork->move(entry.source(), entry.nustart, entry.count));
+    }
+  }
+  return fork->editedDescriptorCount() <= kHFSPlusExtentDensity;
+}

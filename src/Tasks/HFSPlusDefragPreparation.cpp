@@ -1,0 +1,149 @@
+#include "Tasks/HFSPlusDefragPreparation.hpp"
+
+#include "HFSPlus/HFSPlusForkExtents.hpp"
+#include "HFSPlus/HFSPlusVolume.hpp"
+#include "LWKit/LWDebug.hpp"
+#include "Tasks/HFSPlusDefragStretch.hpp"
+
+Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool compact) {
+  _skippedBlocks = 0;
+  _stretch.setImmutableFileForks(TRY(_volume.immutableForkIDs(true)));
+  _dropImmutableProfileForks();
+  TRY(_checkVolume());
+  TRY(_skipToFirstDataBlock());
+  TRY(compact ? _skipToFirstFreeBlock() : _skipForksInPlace());
+
+  const auto first = TRY(_firstRun());
+  if (!first) {
+    return std::nullopt;
+  }
+  const uint32_t expected = _expectedBlocks();
+  LWDebugLog(LWDebugLevel::Debug, "%@,DEBUG,Starting at block %08X\n", _taskName,
+             first->entry->start);
+  LWDebugLog(LWDebugLevel::Debug, "%@,DEBUG,%08X blocks remaining to process\n", _taskName,
+             expected);
+  return expected;
+}
+
+/// Builds every stretch once, so that blocks of two owners are found, and blocks that are owned but
+/// not marked so are marked, before the first of them could be written on.
+Result<> HFSPlusDefragPreparation::_checkVolume() {
+  TRY(_stretch.build(0));
+  if (_stretch.reachesVolumeEnd()) {
+    return {};
+  }
+  while (!_stretch.reachesVolumeEnd()) {
+    TRY(_stretch.build(_stretch.nextStartBlock()));
+  }
+  return _stretch.build(0);
+}
+
+/// A profile can name forks that must stay where they are; they have no place in its order.
+void HFSPlusDefragPreparation::_dropImmutableProfileForks() {
+  if (!_profileFileForks) {
+    return;
+  }
+  HFSPlusFileForkSet movable;
+  for (size_t i = 0; i < _profileFileForks->count(); ++i) {
+    const HFSPlusFileFork fork = _profileFileForks->fileForkAtIndex(i);
+    if (!_stretch.immutableFileForks().contains(fork.fileID, fork.forkType)) {
+      movable.add(fork.fileID, fork.forkType);
+    }
+  }
+  if (movable.empty()) {
+    _profileFileForks.reset();
+  } else {
+    _profileFileForks = std::move(movable);
+  }
+}
+
+/// The first run that is left, of this stretch or a later one; none at the volume's end.
+Result<std::optional<HFSPlusExtentRun>> HFSPlusDefragPreparation::_firstRun() {
+  while (true) {
+    if (const auto first = _stretch.map().firstEntry()) {
+      return first;
+    }
+    if (_stretch.reachesVolumeEnd()) {
+      return std::nullopt;
+    }
+    TRY(_stretch.build(_stretch.nextStartBlock()));
+  }
+}
+
+Result<> HFSPlusDefragPreparation::_skipToFirstDataBlock() {
+  const uint32_t firstDataBlock = _volume.firstDataBlock();
+  while (const auto run = TRY(_firstRun())) {
+    if (run->entry->start >= firstDataBlock) {
+      break;
+    }
+    _skippedBlocks += run->entry->info.type == kHFSPlusExtentAllocated ? run->count : 0;
+    TRY(_stretch.map().removeEntry(run->entry));
+  }
+  return {};
+}
+
+Result<> HFSPlusDefragPreparation::_skipToFirstFreeBlock() {
+  while (const auto run = TRY(_firstRun())) {
+    if (run->entry->info.type == kHFSPlusExtentUnalloced) {
+      break;
+    }
+    _skippedBlocks += run->entry->info.type == kHFSPlusExtentAllocated ? run->count : 0;
+    TRY(_stretch.map().removeEntry(run->entry));
+  }
+  return {};
+}
+
+Result<> HFSPlusDefragPreparation::_skipForksInPlace() {
+  while (const auto run = TRY(_firstRun())) {
+    if (run->entry->info.type == kHFSPlusExtentUnalloced) {
+      break;
+    }
+    if (run->entry->info.type == kHFSPlusExtentAllocated) {
+      // Where defragmenting starts counts as skipped too, though it is going to be moved.
+      _skippedBlocks += run->count;
+      if (!TRY(_isInPlace(*run->entry))) {
+        break;
+      }
+    }
+    TRY(_stretch.map().removeEntry(run->entry));
+  }
+  return {};
+}
+
+Result<bool> HFSPlusDefragPreparation::_isInPlace(const HFSPlusExtentMapEntry& entry) {
+  const auto fork = TRY(HFSPlusForkExtents::open(_volume, entry.cnid, entry.info.forkType));
+  const HFSPlusForkExtents::Descriptors extents = fork->copyExtentDescriptors(entry.start);
+  if (extents.size() != 1) {
+    return false;
+  }
+  return _profileFileForks ? _isProfilesNext(extents.front()) : true;
+}
+
+/// Whether the profile has nothing else to put where this fork lies. Members that lie below it
+/// altogether, and empty ones, have no say; they leave the profile.
+Result<bool> HFSPlusDefragPreparation::_isProfilesNext(const HFSPlusExtentDescriptor& inPlace) {
+  if (_profileFileForks->empty()) {
+    return std::unexpected(XRDefragError::internalHere());
+  }
+  while (_profileFileForks) {
+    const HFSPlusFileFork member = _profileFileForks->fileForkAtIndex(0);
+    const auto fork = TRY(HFSPlusForkExtents::open(_volume, member.fileID, member.forkType));
+    const HFSPlusForkExtents::Descriptors extents = fork->copyExtentDescriptors(inPlace.startBlock);
+    if (!extents.empty() && (extents.size() > 1 || extents.front() != inPlace)) {
+      return false;
+    }
+    _profileFileForks->removeFileForkAtIndex(0);
+    if (_profileFileForks->empty()) {
+      _profileFileForks.reset();
+    }
+    if (!extents.empty()) {
+      break;
+    }
+  }
+  return true;
+}
+
+uint32_t HFSPlusDefragPreparation::_expectedBlocks() const {
+  const uint32_t movable = _stretch.map().dataBlockTotal();
+  return _skippedBlocks > movable ? 0 : static_cast<uint32_t>(movable - _skippedBlocks);
+}
