@@ -55,7 +55,7 @@ const char* pathOfSpecialFile(uint32_t cnid) {
 HFSPlusCatalogKey hostKey(const HFSPlusCatalogKeyView& view) {
   HFSPlusCatalogKey key{};
   const size_t units = view.nameUnits.size() / 2;
-  key.keyLength = static_cast<uint16_t>(6 + 2 * units);
+  key.keyLength = static_cast<uint16_t>(HFSPlusCatalogKeyView::kMinBytes + 2 * units);
   key.parentID = view.parentID;
   key.nodeName.length = static_cast<uint16_t>(units);
   for (size_t unit = 0; unit < units; unit++) {
@@ -136,8 +136,8 @@ int32_t HFSPlusCatalog::compare(const HFSPlusCatalogKeyView& a,
   return _keyCompareProc(a.nameUnits, b.nameUnits);
 }
 
-Result<HFSPlusCatalogRecordView> HFSPlusCatalog::recordAt(const HFSPlusBTreeNode& node,
-                                                          uint32_t index) const {
+Result<HFSPlusCatalogRecordView> HFSPlusCatalog::_recordAt(const HFSPlusBTreeNode& node,
+                                                           uint32_t index) const {
   const auto record = HFSPlusCatalogRecordView::of(node.recordDataAtIndex(index));
   if (!record) {
     return std::unexpected(inconsistent());
@@ -151,7 +151,7 @@ Result<HFSPlusCatalog::Slot> HFSPlusCatalog::_searchNode(const HFSPlusBTreeNode&
   uint32_t high = node.recordCount();
   while (low < high) {
     const uint32_t middle = low + (high - low) / 2;
-    const auto record = TRY(recordAt(node, middle));
+    const auto record = TRY(_recordAt(node, middle));
     const int32_t order = compare(key, record.key);
     if (order == 0) {
       return Slot{middle, true};
@@ -172,7 +172,7 @@ Result<uint32_t> HFSPlusCatalog::_childForKey(const HFSPlusBTreeNode& node,
   }
   const Slot slot = TRY(_searchNode(node, key));
   const uint32_t index = slot.equal || slot.index == 0 ? slot.index : slot.index - 1;
-  const auto child = TRY(recordAt(node, index)).childNode();
+  const auto child = TRY(_recordAt(node, index)).childNode();
   if (!child) {
     return std::unexpected(inconsistent());
   }
@@ -200,7 +200,7 @@ Result<std::optional<HFSPlusCatalog::ItemKey>> HFSPlusCatalog::_keyOfItem(
   if (!thread.slot.equal) {
     return std::nullopt;
   }
-  const auto record = TRY(recordAt(*thread.leaf, thread.slot.index));
+  const auto record = TRY(_recordAt(*thread.leaf, thread.slot.index));
   if (!record.isThread()) {
     return std::nullopt;
   }
@@ -222,7 +222,7 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordForKey(const HFSPlusCata
   if (!position.slot.equal) {
     return found;
   }
-  const auto record = TRY(recordAt(*position.leaf, position.slot.index));
+  const auto record = TRY(_recordAt(*position.leaf, position.slot.index));
   if (record.type() == kHFSPlusFolderRecord && record.folder() != nullptr) {
     found.u = toHost(*record.folder());
   } else if (record.type() == kHFSPlusFileRecord && record.file() != nullptr) {
@@ -326,13 +326,13 @@ Result<> HFSPlusCatalog::iterateFolderID(uint32_t folderID, HFSPlusFolderDelegat
 Result<> HFSPlusCatalog::_iterateFolderID(uint32_t folderID, HFSPlusFolderDelegate& delegate) {
   Position position = TRY(_findKey({folderID, {}}));
   if (!position.slot.equal ||
-      TRY(recordAt(*position.leaf, position.slot.index)).type() != kHFSPlusFolderThreadRecord) {
+      TRY(_recordAt(*position.leaf, position.slot.index)).type() != kHFSPlusFolderThreadRecord) {
     return {};
   }
   uint32_t index = position.slot.index + 1;
   for (uint32_t nodes = 0; nodes <= nodeCount(); nodes++) {
     for (; index < position.leaf->recordCount(); index++) {
-      const auto record = TRY(recordAt(*position.leaf, index));
+      const auto record = TRY(_recordAt(*position.leaf, index));
       if (record.key.parentID != folderID) {
         return {};
       }
@@ -383,7 +383,7 @@ Result<> HFSPlusCatalog::updateForkExtents(const HFSPlusExtentRecord& host, uint
   if (!TRY(_isThere(position))) {
     return {};
   }
-  const auto record = TRY(recordAt(*position.leaf, position.slot.index));
+  const auto record = TRY(_recordAt(*position.leaf, position.slot.index));
   if (record.type() != kHFSPlusFileRecord || record.file() == nullptr) {
     return std::unexpected(volumeInconsistent());
   }

@@ -70,11 +70,6 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   [[nodiscard]] Result<> updateForkExtents(const HFSPlusExtentRecord& host, uint32_t fileID,
                                            uint8_t forkType, bool setZeroLength);
 
-  /// The record at an index below the node's count, cut into its parts.
-  /// Fails with "Catalog file is inconsistent.".
-  [[nodiscard]] Result<HFSPlusCatalogRecordView> recordAt(const HFSPlusBTreeNode& node,
-                                                          uint32_t index) const;
-
  private:
   /// A place in a node: the first record whose key is not less than the one sought, which may be
   /// one past the last record.
@@ -90,6 +85,8 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
 
   explicit HFSPlusCatalog(HFSPlusVolumeAccess& volume);
 
+  /// The record at an index below the node's count.
+  Result<HFSPlusCatalogRecordView> _recordAt(const HFSPlusBTreeNode& node, uint32_t index) const;
   Result<Slot> _searchNode(const HFSPlusBTreeNode& node, const HFSPlusCatalogKeyView& key) const;
   Result<uint32_t> _childForKey(const HFSPlusBTreeNode& node,
                                 const HFSPlusCatalogKeyView& key) const;

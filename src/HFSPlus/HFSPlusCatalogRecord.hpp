@@ -13,6 +13,15 @@
 struct HFSPlusCatalogKeyView {
   uint32_t parentID;
   std::span<const std::byte> nameUnits;  // big-endian UTF-16 units, at most 255
+
+  /// Bytes of a parent ID and the length of a name.
+  static constexpr size_t kMinBytes = 6;
+  static constexpr size_t kMaxBytes = kMinBytes + 2 * kHFSPlusMaxNameUnits;
+
+  /// Cuts a parent ID and a name, as they lie in keys and in thread records; nothing when the bytes
+  /// do not hold them or the name is too long.
+  [[nodiscard]] static inline std::optional<HFSPlusCatalogKeyView> of(
+      std::span<const std::byte> bytes);
 };
 
 /// A record of a catalog node, cut into its parts and checked to hold them. A view: it lives as
@@ -22,7 +31,7 @@ struct HFSPlusCatalogRecordView {
   std::span<const std::byte> data;  // what follows the key
 
   /// Cuts a record; nothing when its key does not lie inside it or its name is too long.
-  [[nodiscard]] static std::optional<HFSPlusCatalogRecordView> of(
+  [[nodiscard]] static inline std::optional<HFSPlusCatalogRecordView> of(
       std::span<const std::byte> record);
 
   /// The record type of a leaf record; 0, which no record has, when there is no room for one.
@@ -63,3 +72,35 @@ struct HFSPlusCatalogRecord {
   /// Catalog node ID of the folder or file; 0 when nothing was found.
   uint32_t itemID() const { return isFolder() ? folder().folderID : isFile() ? file().fileID : 0; }
 };
+
+inline std::optional<HFSPlusCatalogKeyView> HFSPlusCatalogKeyView::of(
+    std::span<const std::byte> bytes) {
+  if (bytes.size() < kMinBytes) {
+    return std::nullopt;
+  }
+  const size_t units = readBigEndian<uint16_t>(bytes.data() + 4);
+  if (units > kHFSPlusMaxNameUnits || bytes.size() < kMinBytes + 2 * units) {
+    return std::nullopt;
+  }
+  return HFSPlusCatalogKeyView{readBigEndian<uint32_t>(bytes.data()),
+                               bytes.subspan(kMinBytes, 2 * units)};
+}
+
+inline std::optional<HFSPlusCatalogRecordView> HFSPlusCatalogRecordView::of(
+    std::span<const std::byte> record) {
+  constexpr size_t kLengthBytes = 2;  // the key's length field, which does not count itself
+  if (record.size() < kLengthBytes) {
+    return std::nullopt;
+  }
+  const size_t keyLength = readBigEndian<uint16_t>(record.data());
+  // Keys are of whole units; what follows an odd one would lie where nobody looks for it.
+  if (keyLength > HFSPlusCatalogKeyView::kMaxBytes || keyLength % 2 != 0 ||
+      record.size() < kLengthBytes + keyLength) {
+    return std::nullopt;
+  }
+  const auto key = HFSPlusCatalogKeyView::of(record.subspan(kLengthBytes, keyLength));
+  if (!key) {
+    return std::nullopt;
+  }
+  return HFSPlusCatalogRecordView{*key, record.subspan(kLengthBytes + keyLength)};
+}

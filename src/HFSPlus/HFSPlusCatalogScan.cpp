@@ -26,15 +26,18 @@ Result<> showFiles(const HFSPlusCatalog& catalog, const HFSPlusBTreeNode& leaf,
                    HFSPlusCatalogScanDelegate& delegate) {
   const uint32_t count = leaf.recordCount();
   for (uint32_t index = 0; index < count; index++) {
-    const auto record = TRY(catalog.recordAt(leaf, index));
-    if (record.type() != kHFSPlusFileRecord) {
+    const auto record = HFSPlusCatalogRecordView::of(leaf.recordDataAtIndex(index));
+    if (!record) {
+      return std::unexpected(catalog.inconsistent());
+    }
+    if (record->type() != kHFSPlusFileRecord) {
       continue;
     }
-    const auto* file = record.file();
+    const auto* file = record->file();
     if (file == nullptr) {
       return std::unexpected(catalog.inconsistent());
     }
-    TRY(delegate.scanCatalogFile(*file, record.key));
+    TRY(delegate.scanCatalogFile(*file, record->key));
   }
   return {};
 }
