@@ -15,10 +15,6 @@ using Method = HFSPlusCatalogScanMethod;
 
 constexpr const char* kInconsistent = "Catalog file is inconsistent.";
 
-std::string errorOf(const Result<>& result) {
-  return result ? "no error" : result.error().description();
-}
-
 /// Notes the IDs that it is shown.
 struct Shown : HFSPlusCatalogScanDelegate {
   std::vector<uint32_t> ids;

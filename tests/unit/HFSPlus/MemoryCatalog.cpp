@@ -258,3 +258,14 @@ Result<HFSPlusTranslation> MemoryCatalog::translateOffset(uint64_t offset, uint3
                                                           const HFSPlusForkData&) {
   return HFSPlusTranslation{offset, _image.size() - offset};
 }
+
+MemoryCatalog smallTree() {
+  MemoryCatalog tree;
+  tree.addFolder(kHFSRootParentID, u"Disk", kHFSRootFolderID);
+  tree.addFolder(2, u"Documents", 20);
+  tree.addFolder(20, u"Letters", 21);
+  tree.addFile(20, u"note", 22);
+  tree.addFile(2, u"a/b", 23);
+  tree.addFile(2, u"zoo", 24);
+  return tree;
+}

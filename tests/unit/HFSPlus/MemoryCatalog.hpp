@@ -104,3 +104,13 @@ class MemoryCatalog : public HFSPlusVolumeAccess {
   HFSPlusHeldWrites _heldWrites;
   uint64_t _bytesRead = 0;
 };
+
+/// The root folder, "/Documents" (20) with "Letters" (21), "note" (22) and "a/b" (23), and "/zoo"
+/// (24).
+MemoryCatalog smallTree();
+
+/// The message of a failed result.
+template <typename T>
+std::string errorOf(const Result<T>& result) {
+  return result ? "no error" : result.error().description();
+}
