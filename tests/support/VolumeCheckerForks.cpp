@@ -39,6 +39,7 @@ void appendOverflow(VolumeCheckerState& state, Fork& fork, bool full, const std:
   for (OverflowRecord& record : overflowOf(state, fork.cnid, fork.type)) {
     record.used = true;
     if (blocks >= fork.totalBlocks) {
+      fork.strayRecords += 1;
       state.log.add(FindingKind::OverflowBeyondTotal,
                     "The %s has %u blocks, but an overflow record for block %u on.", owner.c_str(),
                     fork.totalBlocks, record.startBlock);

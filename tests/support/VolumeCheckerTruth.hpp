@@ -41,6 +41,7 @@ struct Fork {
   std::vector<Extent> extents;        // those of the overflow file (or attribute records) included
   std::uint32_t overflowRecords = 0;  // records beyond the first eight extents
   std::uint32_t overflowLeafNodes = 0;  // leaf nodes that these records lie in
+  std::uint32_t strayRecords = 0;       // overflow records beyond `totalBlocks`, not part of it
   bool sound = true;                    // the extents lie in the volume and cover the fork
   bool hashed = false;                  // `hash` is that of the fork's `logicalSize` bytes
   Hash128 hash;
