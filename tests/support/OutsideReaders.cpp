@@ -82,9 +82,16 @@ std::vector<std::uint32_t> blocksAfter(const std::vector<std::string>& lines,
     return blocks;
   }
   for (++line; line != lines.end() && !line->empty(); ++line) {
-    std::istringstream numbers(*line);
-    for (std::uint32_t block = 0; numbers >> block;) {
-      blocks.push_back(block);
+    // "277" or "37-38"
+    std::istringstream words(*line);
+    for (std::string word; words >> word;) {
+      const std::size_t dash = word.find('-');
+      const std::uint64_t first = std::strtoull(word.c_str(), nullptr, 10);
+      const std::uint64_t last =
+          dash == std::string::npos ? first : std::strtoull(word.c_str() + dash + 1, nullptr, 10);
+      for (std::uint64_t block = first; block <= last; ++block) {
+        blocks.push_back(static_cast<std::uint32_t>(block));
+      }
     }
   }
   return blocks;

@@ -85,6 +85,7 @@ enum class ReadMode {
 struct AgreeOptions {
   ReadMode mode = ReadMode::Quick;
   std::size_t icatSample = 16;  // in quick mode
+  bool askPartclone = true;     // about the bitmap; can take two seconds
 };
 
 // Holds what the outside readers say against the checker's reading (made with hashes and free

@@ -81,7 +81,7 @@ class Comparison {
     }
     for (const CatalogItem& item : truth.items) {
       if (item.linkTarget != 0) {
-        _links.insert(item.cnid);
+        _links[item.cnid] = item.linkTarget;
       }
     }
   }
@@ -90,7 +90,9 @@ class Comparison {
     _compareNumbers();
     _compareListing();
     _compareHierarchy();
-    _compareBitmap();
+    if (_options.askPartclone) {
+      _compareBitmap();
+    }
     // What fls does not read, resource forks, icat must where 7-Zip cannot.
     const bool sevenZipRead = _compareSevenZip();
     _compareIcat(!sevenZipRead);
@@ -128,8 +130,9 @@ class Comparison {
     _compareNumber("fsstat's free blocks", numbers.value->freeBlocks, header.freeBlocks);
   }
 
-  // fls shows a hard link under the number of what it leads to. A link to a folder makes it list
-  // that folder's content once more, so that volumes with such links cannot be counted.
+  // fls shows a hard link under the number of what it leads to, unless the link was not made at
+  // the same time as the folder that this lies in, and then under its own. A link to a folder makes
+  // it list that folder's content once more, so that volumes with such links cannot be counted.
   void _compareListing() {
     const auto entries = fls(_volume);
     if (!_answered(entries)) {
@@ -146,7 +149,8 @@ class Comparison {
     }
     for (const ListedEntry& entry : *entries.value) {
       if (entry.cnid >= volumecheck::kFirstUserID) {
-        surplus[entry.cnid] += 1;
+        const auto link = _links.find(entry.cnid);
+        surplus[link == _links.end() ? entry.cnid : link->second] += 1;
       }
       const auto fork = _forks.find({entry.cnid, ForkType::Data});
       if (!entry.folder && fork != _forks.end() && _sleuthkitCanRead(*fork->second) &&
@@ -309,7 +313,7 @@ class Comparison {
   const AgreeOptions& _options;
   std::map<std::pair<std::uint32_t, ForkType>, const Fork*> _forks;
   std::set<std::uint32_t> _withAttributeForks;
-  std::set<std::uint32_t> _links;
+  std::map<std::uint32_t, std::uint32_t> _links;  // to what they lead to
   bool _anyStray = false;
   bool _anyAcrossLeaves = false;
   std::vector<std::string> _disagreements;

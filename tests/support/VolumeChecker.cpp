@@ -23,6 +23,7 @@ CheckResult checkSource(VolumeCheckerSource& source, const CheckOptions& options
     checkExtentsTree(state);
     checkSpecialForks(state);
     checkCatalog(state);
+    checkBadBlocks(state);
     checkHardLinks(state);
     checkAttributes(state);
     checkUnclaimedOverflow(state);

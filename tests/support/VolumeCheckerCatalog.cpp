@@ -199,7 +199,8 @@ void VolumeCheckerCatalog::_indexItems() {
       _state.log.add(FindingKind::CatalogDuplicateID, "Two catalog records have ID %u.", item.cnid);
     }
     const bool isRoot = item.cnid == kRootFolderID && isFolder(item);
-    if (item.cnid < kFirstUserID && !isRoot) {
+    const bool isBadBlocks = item.cnid == kBadBlockFileID && !isFolder(item);
+    if (item.cnid < kFirstUserID && !isRoot && !isBadBlocks) {
       _state.log.add(FindingKind::CatalogReservedID, "A catalog record has the reserved ID %u.",
                      item.cnid);
     }

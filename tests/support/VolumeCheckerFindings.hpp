@@ -15,6 +15,7 @@ namespace volumecheck {
   X(NotAVolume)                        \
   X(ReadFailed)                        \
   X(HeaderInvalid)                     \
+  X(HeaderVersion)                     \
   X(AlternateHeaderMissing)            \
   X(AlternateHeaderDiffers)            \
   X(AlternateHeaderLags)               \

@@ -175,9 +175,16 @@ void checkSpecialForks(VolumeCheckerState& state) {
     fork.path = path;
     state.truth.forks.push_back(std::move(fork));
   }
-  // Bad blocks have no fork record of their own: all their extents are in the overflow file, and
+}
+
+void checkBadBlocks(VolumeCheckerState& state) {
+  const Fork* known = state.truth.findFork(kBadBlockFileID, ForkType::Data);
+  if (known != nullptr) {
+    state.truth.badBlocks = known->extents;
+    return;
+  }
+  // As a rule bad blocks have no file record: all their extents are in the overflow file then, and
   // their number follows from them.
-  ForkData bad;
   std::uint64_t badBlocks = 0;
   for (const OverflowRecord& record : overflowOf(state, kBadBlockFileID, ForkType::Data)) {
     for (const Extent& extent : record.extents) {

@@ -70,7 +70,7 @@ void checkFields(VolumeCheckerState& state) {
   const HeaderTruth& header = state.truth.header;
   const std::uint16_t version = header.signature == kSignatureHFSX ? 5 : 4;
   if (header.version != version) {
-    state.log.add(FindingKind::HeaderInvalid, "The header has version %u instead of %u.",
+    state.log.add(FindingKind::HeaderVersion, "The header has version %u instead of %u.",
                   header.version, version);
   }
   if ((header.attributes & kUnmountedCleanly) == 0) {

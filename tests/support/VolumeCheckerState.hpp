@@ -51,6 +51,7 @@ bool checkHeaders(VolumeCheckerState& state, VolumeCheckerSource& source);
 void checkExtentsTree(VolumeCheckerState& state);
 void checkSpecialForks(VolumeCheckerState& state);
 void checkCatalog(VolumeCheckerState& state);
+void checkBadBlocks(VolumeCheckerState& state);
 void checkHardLinks(VolumeCheckerState& state);
 void checkAttributes(VolumeCheckerState& state);
 void checkUnclaimedOverflow(VolumeCheckerState& state);
