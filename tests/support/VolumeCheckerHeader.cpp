@@ -167,7 +167,11 @@ void ownReservedAreas(VolumeCheckerState& state) {
   };
   // On a tiny volume of large blocks both areas can share one block.
   const std::uint64_t startEnd = (kReservedAtStart + blockSize - 1) / blockSize;
-  const std::uint64_t endFirst = (state.truth.volumeSize - kReservedAtEnd) / blockSize;
+  // The last block is set aside for the alternate header also where that lies behind it, on a
+  // volume that ends with a part of a block.
+  const std::uint64_t endBlocks =
+      std::min<std::uint64_t>((kReservedAtEnd + blockSize - 1) / blockSize, state.totalBlocks());
+  const std::uint64_t endFirst = state.totalBlocks() - endBlocks;
   own(0, startEnd);
   own(std::max(endFirst, startEnd), state.totalBlocks());
 }

@@ -104,6 +104,8 @@ class VolumeDescription {
   /// does not fill a block lies behind the last one.
   uint64_t size = 0;
   uint32_t fillPercent = 50;
+  /// With a size of 0: bytes (whole sectors) behind the last block.
+  uint32_t trailingBytes = 0;
   LayoutDescription layout;
 
   TreeDescription catalog;

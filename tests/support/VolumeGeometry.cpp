@@ -34,9 +34,7 @@ VolumeGeometry VolumeGeometry::of(const VolumeDescription& description, uint64_t
   geometry.volumeSize = volumeSize;
   geometry.imageSize = volumeSize;
   if (description.wrapper) {
-    uint64_t unit = description.blockSize;
-    while (volumeSize / unit > kWrapperMostBlocks)
-      unit *= 2;
+    const uint64_t unit = wrapperUnit(description.blockSize, volumeSize);
     geometry.volumeSize = volumeSize / unit * unit;
     geometry.wrapperBlockSize = static_cast<uint32_t>(unit);
     geometry.wrapperStart = kWrapperStart;
@@ -49,6 +47,13 @@ VolumeGeometry VolumeGeometry::of(const VolumeDescription& description, uint64_t
   }
   geometry.totalBlocks = static_cast<uint32_t>(geometry.volumeSize / geometry.blockSize);
   return geometry;
+}
+
+uint64_t VolumeGeometry::wrapperUnit(uint32_t blockSize, uint64_t volumeSize) {
+  uint64_t unit = blockSize;
+  while (volumeSize / unit > kWrapperMostBlocks)
+    unit *= 2;
+  return unit;
 }
 
 uint32_t VolumeGeometry::frontBlocks() const {

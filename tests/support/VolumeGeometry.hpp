@@ -24,6 +24,9 @@ struct VolumeGeometry {
   /// A volume of `volumeSize` bytes; with a wrapper it is rounded down to wrapper blocks.
   static VolumeGeometry of(const VolumeDescription& description, uint64_t volumeSize);
 
+  /// The wrapper's block size for a volume of that size; the volume has to be a multiple of it.
+  static uint64_t wrapperUnit(uint32_t blockSize, uint64_t volumeSize);
+
   /// Blocks that cover the boot area and the header, and those at the end that hold the alternate
   /// header; both are always marked as used.
   uint32_t frontBlocks() const;

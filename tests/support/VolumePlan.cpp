@@ -75,7 +75,7 @@ std::string VolumePlan::checkDescription() const {
       !isPowerBetween(d.catalog.nodeSize, 4096, 32768) ||
       !isPowerBetween(d.attributesTree.nodeSize, 4096, 32768))
     return "node sizes must be powers of two from 512 (extents) or 4096 (others) to 32768";
-  if (d.size % 512 != 0)
+  if (d.size % 512 != 0 || d.trailingBytes % 512 != 0)
     return "the size must be a multiple of 512";
   if (d.size / d.blockSize > UINT32_MAX)
     return "too many blocks: the block size is too small for this size";
@@ -283,7 +283,11 @@ uint64_t VolumePlan::neededSize() const {
   uint64_t blocks = (owned + reserved) * 100 / _description.fillPercent + 1;
   blocks +=
       dividedUp(blocks, uint64_t{8} * _description.blockSize) * 100 / _description.fillPercent;
-  return std::max(blocks, end + reserved) * _description.blockSize;
+  const uint64_t size = std::max(blocks, end + reserved) * _description.blockSize;
+  if (!_description.wrapper)
+    return size + _description.trailingBytes;
+  const uint64_t unit = VolumeGeometry::wrapperUnit(_description.blockSize, size);
+  return dividedUp(size, unit) * unit;
 }
 
 void VolumePlan::decideGeometry() {
