@@ -68,6 +68,8 @@ class HFSPlusExtentMap {
   uint32_t blockCountForType(HFSPlusExtentType type) const;
   /// Number of entries.
   uint64_t extentCount() const { return _extentCount; }
+  /// Bytes of memory that the entries take.
+  size_t memoryUsage() const { return _map.memoryUsage(); }
 
   /// Length in blocks of an entry of this map.
   uint32_t blockCountForEntry(const HFSPlusExtentMapEntry* entry) const;

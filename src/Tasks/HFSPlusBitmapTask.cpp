@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "HFSPlus/HFSPlusAllocation.hpp"
-#include "HFSPlus/HFSPlusBitmapBits.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
-#include "LWKit/LWFormat.hpp"
 #include "LWKit/LWStringUtilities.hpp"
-#include "Tasks/HFSPlusBitmapScaler.hpp"
+#include "Tasks/HFSPlusBitmapPicture.hpp"
 #include "Tasks/HFSPlusClosedGate.hpp"
 #include "XRDefragReport.hpp"
 
@@ -32,7 +28,9 @@ void HFSPlusBitmapTask::runTask() {
 Result<> HFSPlusBitmapTask::_bitmap() {
   uint32_t scale = TRY(parseArguments());
   HFSPlusClosedGate closed(_hfsPlusVolume);
-  return _parseAllocationWithScale(scale);
+  HFSPlusBitmapPicture picture(name(), scale, _maskMD ? _hfsPlusVolume.firstDataBlock() : 0,
+                               XRDefragReport::shared());
+  return picture.print(_hfsPlusVolume.hostVolumeHeader(), _hfsPlusVolume.allocation());
 }
 
 /// Sets the options and answers the scale.
@@ -56,59 +54,4 @@ Result<uint32_t> HFSPlusBitmapTask::parseArguments() {
     return std::unexpected(XRDefragError::localized("Scale argument is required."));
   }
   return scale;
-}
-
-Result<> HFSPlusBitmapTask::_parseAllocationWithScale(uint32_t scale) {
-  HFSPlusAllocation& allocation = _hfsPlusVolume.allocation();
-  XRDefragReport& report = XRDefragReport::shared();
-  const HFSPlusVolumeHeader& header = _hfsPlusVolume.hostVolumeHeader();
-  uint64_t totalBlocks = header.totalBlocks;
-  uint32_t blocksAtEnd = header.blockSize <= 512 ? 2 : 1;
-  _lastUsedLimit = header.totalBlocks - std::min(header.totalBlocks, blocksAtEnd);
-  uint64_t maskedBlocks = _maskMD ? _hfsPlusVolume.firstDataBlock() : 0;
-
-  uint64_t groups = (totalBlocks + scale - 1) / scale;
-  report.print(LWFormat("%s,LENGTH,%llu\n", name(), (groups + 7) / 8));
-
-  std::string line;
-  HFSPlusBitmapScaler scaler(scale, [&](std::string_view digits) {
-    line.assign(name()).append(",DATA,").append(digits).append("\n");
-    report.print(line);
-  });
-  std::vector<std::byte> masked;
-  uint64_t blocksPerChunk = uint64_t{allocation.chunkSize()} * 8;
-  for (uint64_t block = 0; block < totalBlocks; block += blocksPerChunk) {
-    auto chunk = TRY(allocation.cachedChunkWithBlockIndex(static_cast<uint32_t>(block)));
-    std::span<const std::byte> bitmap = chunk->data();
-    bitmap = bitmap.first(std::min<size_t>(bitmap.size(), (totalBlocks - block + 7) / 8));
-    if (block < maskedBlocks) {
-      masked.assign(bitmap.begin(), bitmap.end());
-      HFSPlusSetBits(masked, 0, std::min<uint64_t>(maskedBlocks - block, masked.size() * 8));
-      bitmap = masked;
-    }
-    noteEnds(bitmap, block);
-    scaler.add(bitmap);
-  }
-  scaler.finish();
-
-  report.print(LWFormat("%s,FIRSTUNUSEDBLOCK,%u\n", name(), _firstUnusedBlock));
-  report.print(LWFormat("%s,LASTUSEDBLOCK,%u\n", name(), _lastUsedBlock));
-  return {};
-}
-
-/// Looks for the first free and the last used block in the bitmap of the blocks from one on.
-void HFSPlusBitmapTask::noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock) {
-  uint64_t bits = bitmap.size() * 8;
-  if (_firstUnusedBlock == UINT32_MAX) {
-    uint64_t used = HFSPlusSetRun(bitmap, 0, bits);
-    if (used < bits) {
-      _firstUnusedBlock = static_cast<uint32_t>(firstBlock + used);
-    }
-  }
-  if (firstBlock < _lastUsedLimit) {
-    auto last = HFSPlusLastSetBit(bitmap, std::min<uint64_t>(bits, _lastUsedLimit - firstBlock));
-    if (last) {
-      _lastUsedBlock = static_cast<uint32_t>(firstBlock + *last);
-    }
-  }
 }

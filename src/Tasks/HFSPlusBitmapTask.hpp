@@ -1,9 +1,7 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 
 #include "LWKit/LWToolEvent.hpp"
 #include "XRDefragError.hpp"
@@ -21,12 +19,7 @@ class HFSPlusBitmapTask final : public XRDefragTask {
   void runTask() override;
   Result<> _bitmap();
   Result<uint32_t> parseArguments();
-  Result<> _parseAllocationWithScale(uint32_t scale);
-  void noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock);
 
   HFSPlusVolume& _hfsPlusVolume;
   bool _maskMD = false;  // show the metadata area at the volume's start as in use
-  uint32_t _firstUnusedBlock = UINT32_MAX;  // as yet none
-  uint32_t _lastUsedBlock = 0;
-  uint32_t _lastUsedLimit = 0;  // what lies here and above holds the alternate header
 };

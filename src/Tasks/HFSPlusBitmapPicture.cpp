@@ -1,0 +1,68 @@
+#include "Tasks/HFSPlusBitmapPicture.hpp"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "HFSPlus/HFSPlusAllocation.hpp"
+#include "HFSPlus/HFSPlusBitmapBits.hpp"
+#include "LWKit/LWFormat.hpp"
+#include "Tasks/HFSPlusBitmapScaler.hpp"
+#include "XRDefragReport.hpp"
+
+HFSPlusBitmapPicture::HFSPlusBitmapPicture(std::string taskName, uint32_t scale,
+                                           uint32_t maskedBlocks, XRDefragReport& report)
+    : _taskName(std::move(taskName)), _scale(scale), _maskedBlocks(maskedBlocks), _report(report) {}
+
+Result<> HFSPlusBitmapPicture::print(const HFSPlusVolumeHeader& header,
+                                     HFSPlusAllocation& allocation) {
+  uint64_t totalBlocks = header.totalBlocks;
+  uint32_t blocksAtEnd = header.blockSize <= 512 ? 2 : 1;
+  _lastUsedLimit = header.totalBlocks - std::min(header.totalBlocks, blocksAtEnd);
+  uint64_t groups = (totalBlocks + _scale - 1) / _scale;
+  _report.print(LWFormat("%s,LENGTH,%llu\n", _taskName, (groups + 7) / 8));
+
+  std::string line;
+  HFSPlusBitmapScaler scaler(_scale, [&](std::string_view digits) {
+    line.assign(_taskName).append(",DATA,").append(digits).append("\n");
+    _report.print(line);
+  });
+  std::vector<std::byte> masked;
+  uint64_t blocksPerChunk = uint64_t{allocation.chunkSize()} * 8;
+  for (uint64_t block = 0; block < totalBlocks; block += blocksPerChunk) {
+    auto chunk = TRY(allocation.cachedChunkWithBlockIndex(static_cast<uint32_t>(block)));
+    std::span<const std::byte> bitmap = chunk->data();
+    bitmap = bitmap.first(std::min<size_t>(bitmap.size(), (totalBlocks - block + 7) / 8));
+    if (block < _maskedBlocks) {
+      masked.assign(bitmap.begin(), bitmap.end());
+      HFSPlusSetBits(masked, 0, std::min<uint64_t>(_maskedBlocks - block, masked.size() * 8));
+      bitmap = masked;
+    }
+    noteEnds(bitmap, block);
+    scaler.add(bitmap);
+  }
+  scaler.finish();
+
+  _report.print(LWFormat("%s,FIRSTUNUSEDBLOCK,%u\n", _taskName, _firstUnusedBlock));
+  _report.print(LWFormat("%s,LASTUSEDBLOCK,%u\n", _taskName, _lastUsedBlock));
+  return {};
+}
+
+/// Looks for the first free and the last used block in the bitmap of the blocks from one on. The
+/// bits that fill up the volume's last byte count as blocks.
+void HFSPlusBitmapPicture::noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock) {
+  uint64_t bits = bitmap.size() * 8;
+  if (_firstUnusedBlock == UINT32_MAX) {
+    uint64_t used = HFSPlusSetRun(bitmap, 0, bits);
+    if (used < bits) {
+      _firstUnusedBlock = static_cast<uint32_t>(firstBlock + used);
+    }
+  }
+  if (firstBlock < _lastUsedLimit) {
+    auto last = HFSPlusLastSetBit(bitmap, std::min<uint64_t>(bits, _lastUsedLimit - firstBlock));
+    if (last) {
+      _lastUsedBlock = static_cast<uint32_t>(firstBlock + *last);
+    }
+  }
+}
