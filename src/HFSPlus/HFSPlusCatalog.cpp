@@ -121,10 +121,10 @@ Result<std::unique_ptr<HFSPlusCatalog>> HFSPlusCatalog::open(HFSPlusVolumeAccess
   LWDebugLog(LWDebugLevel::Info,
              "Catalog size        = %@ (node size = %@, total nodes = %lu, free nodes = %lu)\n",
              LWPrettySize(uint64_t{header.nodeSize} * header.totalNodes),
-             LWPrettySize(header.nodeSize), header.totalNodes, header.freeNodes);
+             LWPrettySize(header.nodeSize), catalog->nodeCount(), catalog->freeNodes());
   LWDebugLog(LWDebugLevel::Info,
              "Catalog root node   = %lu (first leaf node = %lu, last leaf node = %lu)\n",
-             header.rootNode, header.firstLeafNode, header.lastLeafNode);
+             catalog->rootNode(), catalog->firstLeafNode(), catalog->lastLeafNode());
   return catalog;
 }
 
