@@ -174,6 +174,7 @@ Result<> HFSPlusAllocation::discardChanges() {
   _chunkCacheTOC.clear();
   _readAhead.clear();
   _evictionError.reset();
+  _freed.clear();
   _drift = _driftAtFlush;
   return {};
 }
@@ -225,6 +226,9 @@ Result<> HFSPlusAllocation::change(uint32_t block, uint32_t count, Bit bit) {
   int64_t sign = bit == Bit::Set ? -1 : 1;
   // By blocks on purpose; the drift knows better.
   volume().updateFreeBlocks(sign * change.blocks);
+  if (bit == Bit::Clear) {
+    _freed.add(block, static_cast<uint64_t>(change.blocks));
+  }
   _drift += sign * (change.bits - change.blocks);
   return result;
 }
@@ -258,6 +262,35 @@ Result<uint32_t> HFSPlusAllocation::isSet(uint32_t block, uint32_t count) {
 
 Result<uint32_t> HFSPlusAllocation::isClear(uint32_t block, uint32_t count) {
   return leadingRun(block, count, Bit::Clear);
+}
+
+Result<std::optional<uint32_t>> HFSPlusAllocation::findUnusedRun(
+    uint64_t count, uint32_t hint, const HFSPlusBlockRanges& avoided) {
+  const uint64_t totalBlocks = volume().hostVolumeHeader().totalBlocks;
+  if (const auto run = TRY(findUnusedRunIn(hint, totalBlocks, count, avoided))) {
+    return run;
+  }
+  return findUnusedRunIn(0, std::min(totalBlocks, hint + count), count, avoided);
+}
+
+/// The first such run that lies in [begin, end).
+Result<std::optional<uint32_t>> HFSPlusAllocation::findUnusedRunIn(
+    uint64_t begin, uint64_t end, uint64_t count, const HFSPlusBlockRanges& avoided) {
+  while (begin + count <= end) {
+    const auto block = static_cast<uint32_t>(begin);
+    const uint32_t run = TRY(isClear(block, static_cast<uint32_t>(count)));
+    if (run < count) {
+      const auto behind = static_cast<uint32_t>(begin + run);
+      begin = uint64_t{behind} + TRY(isSet(behind, static_cast<uint32_t>(end - behind)));
+    } else if (const auto freed = _freed.firstOverlap(begin, count)) {
+      begin = freed->end;
+    } else if (const auto taken = avoided.firstOverlap(begin, count)) {
+      begin = taken->end;
+    } else {
+      return block;
+    }
+  }
+  return std::nullopt;
 }
 
 void HFSPlusAllocation::dump(uint32_t block, uint32_t count) {

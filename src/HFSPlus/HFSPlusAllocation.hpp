@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "HFSPlus/HFSPlusAllocationChunk.hpp"
+#include "HFSPlus/HFSPlusBlockRanges.hpp"
 #include "HFSPlus/HFSPlusFile.hpp"
 
 /// The allocation file: one bit for every allocation block of the volume, set when it is in use.
@@ -36,6 +37,14 @@ class HFSPlusAllocation final : public HFSPlusFile {
   /// The number of used (free) blocks in a row from `block`, at most `count`. Fails like set().
   [[nodiscard]] Result<uint32_t> isSet(uint32_t block, uint32_t count);
   [[nodiscard]] Result<uint32_t> isClear(uint32_t block, uint32_t count);
+
+  /// Looks for `count` blocks in a row that are free now and were free when changes were last
+  /// settled, and that no range of `avoided` touches; from `hint` on first, then before it.
+  [[nodiscard]] Result<std::optional<uint32_t>> findUnusedRun(uint64_t count, uint32_t hint,
+                                                              const HFSPlusBlockRanges& avoided);
+
+  /// What has been freed so far may be written over: the changes that freed it will last.
+  void settleChanges() { _freed.clear(); }
 
   /// Writes every dirty chunk to the held writes. Tries all of them and fails with the first error,
   /// also with that of a chunk that could not be written when it left the cache.
@@ -102,6 +111,8 @@ class HFSPlusAllocation final : public HFSPlusFile {
   Result<> change(uint32_t block, uint32_t count, Bit bit);
   Result<> changeSpans(uint32_t block, uint32_t count, Bit bit, Change& change);
   Result<uint32_t> leadingRun(uint32_t block, uint32_t count, Bit bit);
+  Result<std::optional<uint32_t>> findUnusedRunIn(uint64_t begin, uint64_t end, uint64_t count,
+                                                  const HFSPlusBlockRanges& avoided);
   Result<FileRange> fileRangeOfChunk(uint32_t index) const;
   Result<> readSequentially(std::span<std::byte> bytes, uint64_t offset);
   void cachedChunkRelease(HFSPlusAllocationChunk& chunk);
@@ -112,6 +123,7 @@ class HFSPlusAllocation final : public HFSPlusFile {
   TOC _chunkCacheTOC;
   uint64_t _chunkCacheLimit;  // idle chunks kept
   std::optional<XRDefragError> _evictionError;
+  HFSPlusBlockRanges _freed;  // blocks cleared since changes were last settled
   int64_t _drift = 0;
   int64_t _driftAtFlush = 0;
   uint64_t _nextOffset = 0;           // behind the chunk read last

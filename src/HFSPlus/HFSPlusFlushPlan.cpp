@@ -20,7 +20,9 @@ void HFSPlusFlushPlan::addHeaders(const HFSPlusVolumeHeader& host,
   }
 }
 
-void HFSPlusFlushPlan::sort() { std::ranges::sort(_pieces, {}, &Piece::offset); }
+void HFSPlusFlushPlan::sort() {
+  std::ranges::sort(_pieces, {}, &Piece::offset);
+}
 
 void HFSPlusFlushPlan::keepCopies() {
   std::vector<std::vector<std::byte>> copies;

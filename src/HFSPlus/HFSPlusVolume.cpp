@@ -10,6 +10,8 @@
 #include "HFSPlus/HFSPlusCatalogScan.hpp"
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusFileForkSet.hpp"
+#include "HFSPlus/HFSPlusForkWalk.hpp"
+#include "HFSPlus/HFSPlusHotFiles.hpp"
 #include "HFSPlus/HFSPlusVolumePlace.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "LWKit/LWStringUtilities.hpp"
@@ -78,10 +80,12 @@ Result<std::unique_ptr<HFSPlusVolume>> HFSPlusVolume::open(const XRDefragVolume&
 Result<> HFSPlusVolume::_open() {
   TRY(_readHeader());
   TRY(_checkSignatureAndVersion());
+  TRY(_findInterruptedRun());
   TRY(_checkAttributes());
   TRY(_checkGeometry());
   _logVolumeInfo();
   TRY(_openSpecialFiles());
+  TRY(_recoverInterruptedRun());
   _metadata = HFSPlusMetadataZoneOf(_hostVolumeHeader);
   if (hasMetadataZone()) {
     const uint64_t count = uint64_t{_metadata.endBlock} + 1;
@@ -164,6 +168,47 @@ void HFSPlusVolume::_logVolumeInfo() const {
              "Volume size         = %@ (block size = %@, total blocks = %lu, free blocks = %lu)\n",
              LWPrettySize(uint64_t{header.blockSize} * header.totalBlocks),
              LWPrettySize(header.blockSize), header.totalBlocks, header.freeBlocks);
+}
+
+/// From here everything reads as if the interrupted run's last flush had been carried out.
+Result<> HFSPlusVolume::_findInterruptedRun() {
+  XRDefragVolume device(*this);
+  const HFSPlusVolumePlace place{_volumeStartOffset, _volumeSizeBytes};
+  _recovery = TRY(HFSPlusRunRecovery::find(device, place, _hostVolumeHeader));
+  if (_recovery) {
+    _hostVolumeHeader = _recovery->header();
+    _flushedHeader = _hostVolumeHeader;
+  }
+  return {};
+}
+
+/// Makes the recovered state last. On a device that is not to be written it stays a view of it.
+Result<> HFSPlusVolume::_recoverInterruptedRun() {
+  XRDefragVolume device(*this);
+  const HFSPlusVolumePlace place{_volumeStartOffset, _volumeSizeBytes};
+  if (!_recovery) {
+    return isWritable() ? HFSPlusEraseStaleLocator(device, place) : Result<>();
+  }
+  if (!_recovery->touchesOnly(TRY(_specialFileBlocks()))) {
+    return std::unexpected(inconsistentVolume());
+  }
+  if (isWritable()) {
+    TRY(_recovery->carryOut(device));
+    _recovery.reset();
+  }
+  return {};
+}
+
+Result<HFSPlusBlockRanges> HFSPlusVolume::_specialFileBlocks() {
+  HFSPlusBlockRanges blocks;
+  for (const uint32_t fileID : {kHFSExtentsFileID, kHFSCatalogFileID, kHFSAllocationFileID,
+                                kHFSStartupFileID, kHFSAttributesFileID}) {
+    TRY(HFSPlusWalkForkExtents(*_extents, *hostForkData(fileID), fileID, kHFSDataForkType,
+                               [&](const HFSPlusExtentDescriptor& extent) {
+                                 blocks.add(extent.startBlock, extent.blockCount);
+                               }));
+  }
+  return blocks;
 }
 
 Result<> HFSPlusVolume::_openSpecialFiles() {
@@ -296,6 +341,11 @@ Result<HFSPlusFileForkSet> HFSPlusVolume::immutableForkIDs([[maybe_unused]] bool
     const Result<HFSPlusCatalogRecord> record = _catalog->copyRecordForPath(path);
     if (record && record->isFile()) {
       forks.add(record->file().fileID, kHFSDataForkType);
+    }
+  }
+  if (includeHotFiles) {
+    if (const auto hotFiles = TRY(HFSPlusHotFiles::open(*this, *this, *_catalog))) {
+      TRY(hotFiles->mergeFileIDs(forks, firstDataBlock()));
     }
   }
   return forks;

@@ -8,8 +8,11 @@
 
 #include "HFSPlus/HFSPlusByteOrder.hpp"
 #include "HFSPlus/HFSPlusFlushPlan.hpp"
+#include "HFSPlus/HFSPlusForkDataRegistry.hpp"
 #include "HFSPlus/HFSPlusHeldWrites.hpp"
 #include "HFSPlus/HFSPlusMetadataZone.hpp"
+#include "HFSPlus/HFSPlusRunLog.hpp"
+#include "HFSPlus/HFSPlusRunRecovery.hpp"
 #include "HFSPlus/HFSPlusVolumeAccess.hpp"
 #include "XRDefragVolume.hpp"
 
@@ -32,7 +35,9 @@ class HFSPlusFileForkSet;
 ///      next flush is, and that before flush() returns.
 ///
 /// Used by one thread at a time, which holds the gate.
-class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
+class HFSPlusVolume final : public XRDefragVolume,
+                            public HFSPlusVolumeAccess,
+                            public HFSPlusForkDataRegistry {
  public:
   /// Whether the device holds a volume of a known signature and version. Device errors.
   [[nodiscard]] static Result<bool> probe(XRDefragVolume& device);
@@ -77,17 +82,15 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   /// Bytes from the volume's start to the end of its alternate header's area.
   uint64_t volumeSizeBytes() const { return _volumeSizeBytes; }
 
-  /// Registers the fork data, in host order, of an ordinary file under its ID, or replaces it in
-  /// place, so that the file can be used like a special one.
-  void cacheHostForkData(const HFSPlusForkData& forkData, uint32_t fileID);
-  /// Forgets what was registered; nobody may use the file any more.
-  void uncacheHostForkData(uint32_t fileID);
+  void cacheHostForkData(const HFSPlusForkData& forkData, uint32_t fileID) override;
+  void uncacheHostForkData(uint32_t fileID) override;
 
   /// Points a special file of a writable volume at new extents, in host order; the header is
   /// written by the next flush. An internal error for any other file.
   [[nodiscard]] Result<> updateForkExtents(const HFSPlusExtentRecord& host, uint32_t fileID);
 
-  /// The forks that must never be moved: the journal's and, if asked for, the hot files in place.
+  /// The forks that must never be moved: the journal's and, if asked for, the hot files that lie
+  /// below the first data block. Errors of the hot files tree.
   [[nodiscard]] Result<HFSPlusFileForkSet> immutableForkIDs(bool includeHotFiles);
 
   /// Hands every file record of the catalog to the delegate.
@@ -95,16 +98,20 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
 
   /// Writes every metadata change since the last flush, and the header when it changed; the first
   /// flush after the first write of the process raises the header's write count. Writes nothing
-  /// when there is nothing to write. After an error in the midst of writing the flush stays
-  /// unfinished: the next flush(), discardChanges() or endRewriting() completes it first.
-  [[nodiscard]] Result<> flush();
+  /// when there is nothing to write. In a rewriting run all of it happens or none: NoRoomForRecord,
+  /// with nothing written, when no free blocks can hold the record that this takes. After an error
+  /// in the midst of writing the flush stays unfinished: the next flush(), discardChanges() or
+  /// endRewriting() completes it first.
+  enum class FlushOutcome { Flushed, NoRoomForRecord };
+  [[nodiscard]] Result<FlushOutcome> flush();
 
   /// From here the first write of anything marks the on-disk header as in flux first, and every
   /// flush makes the header's free-block count agree with the bitmap.
   void beginRewriting() { _rewriting = true; }
 
   /// Flushes and takes the mark off the headers on disk. To be called whatever ended the run; after
-  /// an error the mark stays.
+  /// an error the mark stays. Fails with "The amount of free space is insufficient." when there is
+  /// no room for the record of that flush; what it would have written is forgotten.
   [[nodiscard]] Result<> endRewriting();
 
   /// Forgets every metadata change since the last flush: everything reads as it is on disk.
@@ -121,7 +128,10 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   Result<> _checkSignatureAndVersion();
   Result<> _checkAttributes();
   Result<> _checkGeometry() const;
+  Result<> _findInterruptedRun();
   Result<> _openSpecialFiles();
+  Result<> _recoverInterruptedRun();
+  Result<HFSPlusBlockRanges> _specialFileBlocks();
   void _logVolumeInfo() const;
   HFSPlusForkData* _specialForkData(uint32_t fileID);
 
@@ -132,6 +142,7 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   Result<HFSPlusFlushPlan> _planFlush();
   Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
   void _planHeaders(HFSPlusFlushPlan& plan);
+  Result<std::optional<uint32_t>> _findRecordPlace(const HFSPlusFlushPlan& plan);
   Result<> _finishFlush();
   Result<> _writePlan(const HFSPlusFlushPlan& plan);
   Result<> _markInFlux();
@@ -156,6 +167,8 @@ class HFSPlusVolume final : public XRDefragVolume, public HFSPlusVolumeAccess {
   HFSPlusMetadataZone _metadata;
   std::map<uint32_t, std::unique_ptr<HFSPlusForkData>> _hostForkDataCache;
 
+  std::optional<HFSPlusRunRecovery> _recovery;  // laid over what is read
+  std::unique_ptr<HFSPlusRunLog> _runLog;       // during a rewriting run, from its first write on
   HFSPlusHeldWrites _heldWrites;
   std::optional<HFSPlusFlushPlan> _unfinishedFlush;  // some of its writes may have been done
   bool _rewriting = false;

@@ -3,10 +3,13 @@
 //   1. The special files hand over what changed. Nothing is written if one of them cannot.
 //   2. The plan is made: every byte of the flush and its place, as the forks lie now.
 //   3. During a rewriting run the header on disk is marked as in flux, if it is not yet; synced.
-//   4. Sync: the file data that the new metadata describes is on stable storage.
+//   4. Sync: the file data that the new metadata describes is on stable storage. During a rewriting
+//      run the plan is written down in the run's log as well; from here it happens, crash or no
+//      crash.
 //   5. The plan is written, by ascending place. From here it has to be completed: an error leaves
 //      it unfinished, and nothing else is written before it has been written as a whole.
-//   6. Sync. The held writes are forgotten; the device has them.
+//   6. Sync. The held writes are forgotten; the device has them. Only now may the blocks that were
+//      freed be written over.
 
 #include <algorithm>
 #include <array>
@@ -49,7 +52,11 @@ Result<> HFSPlusVolume::read(std::span<std::byte> bytes, uint64_t offset) {
         XRDefragError::localized("Out of range read failed at offset %llu and size %lu.",
                                  _volumeStartOffset + offset, bytes.size()));
   }
-  return XRDefragVolume::read(bytes, _volumeStartOffset + offset);
+  TRY(XRDefragVolume::read(bytes, _volumeStartOffset + offset));
+  if (_recovery) {
+    _recovery->overlay(bytes, offset);
+  }
+  return {};
 }
 
 Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset) {
@@ -62,24 +69,55 @@ Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset)
     return {};
   }
   TRY(_markInFlux());
+  if (_runLog) {
+    TRY(_runLog->retireBefore(offset, bytes.size()));
+  }
   _willBumpWriteCount = true;
   return XRDefragVolume::write(bytes, _volumeStartOffset + offset);
 }
 
-Result<> HFSPlusVolume::flush() {
+Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush() {
   TRY(_finishFlush());
   TRY(_flushSpecialFiles());
   HFSPlusFlushPlan plan = TRY(_planFlush());
   if (plan.empty()) {
-    return {};
+    return FlushOutcome::Flushed;
   }
   TRY(_markInFlux());
-  TRY(synchronize());
+  if (_runLog) {
+    const auto place = TRY(_findRecordPlace(plan));
+    if (!place) {
+      return FlushOutcome::NoRoomForRecord;
+    }
+    TRY(_runLog->commit(plan, *place));
+  } else {
+    TRY(synchronize());
+  }
   _dirty = false;
   _unfinishedFlush = std::move(plan);
   TRY(_finishFlush());
   _heldWrites.clear();
-  return {};
+  return FlushOutcome::Flushed;
+}
+
+/// An allocation block at which the plan's record fits into blocks that are free before and after
+/// the flush; rather not where the record before it is, which would have to be retired first.
+Result<std::optional<uint32_t>> HFSPlusVolume::_findRecordPlace(const HFSPlusFlushPlan& plan) {
+  const uint64_t count = _runLog->blocksFor(plan);
+  if (HFSPlusFlushRecord::bytesFor(plan) > HFSPlusRunLog::kRecordBytesMax ||
+      count > _hostVolumeHeader.totalBlocks) {
+    return std::nullopt;
+  }
+  const uint32_t end = _hostVolumeHeader.totalBlocks - static_cast<uint32_t>(count);
+  const uint32_t hint = std::min(_runLog->hint(), end);
+  HFSPlusBlockRanges avoided;
+  if (const auto live = _runLog->liveRecord()) {
+    avoided.add(live->block, live->count);
+  }
+  if (const auto place = TRY(_allocation->findUnusedRun(count, hint, avoided))) {
+    return place;
+  }
+  return _allocation->findUnusedRun(count, hint, {});
 }
 
 Result<> HFSPlusVolume::_flushSpecialFiles() {
@@ -166,6 +204,7 @@ Result<> HFSPlusVolume::_finishFlush() {
   if (plan.writesHeader()) {
     _flushedHeader = plan.hostHeader();
   }
+  _allocation->settleChanges();
   _unfinishedFlush.reset();
   return {};
 }
@@ -179,9 +218,15 @@ Result<> HFSPlusVolume::_writePlan(const HFSPlusFlushPlan& plan) {
 }
 
 Result<> HFSPlusVolume::endRewriting() {
-  TRY(flush());
+  const FlushOutcome outcome = TRY(flush());
+  if (outcome == FlushOutcome::NoRoomForRecord) {
+    TRY(discardChanges());
+  }
   TRY(_unmark());
   _rewriting = false;
+  if (outcome == FlushOutcome::NoRoomForRecord) {
+    return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
+  }
   return {};
 }
 
@@ -206,6 +251,12 @@ Result<> HFSPlusVolume::_markInFlux() {
   if (!_rewriting || _fluxMark == FluxMark::Present) {
     return {};
   }
+  if (!_runLog) {
+    auto log = std::make_unique<HFSPlusRunLog>(
+        *this, HFSPlusVolumePlace{_volumeStartOffset, _volumeSizeBytes});
+    TRY(log->begin(_flushedHeader, _onDiskHeader(_flushedHeader)));
+    _runLog = std::move(log);
+  }
   _fluxMark = FluxMark::Uncertain;
   TRY(_writeHeader(_onDiskHeader(_flushedHeader), kHFSPlusVolumeHeaderOffset));
   _fluxMark = FluxMark::Present;
@@ -224,6 +275,10 @@ Result<> HFSPlusVolume::_unmark() {
   TRY(_writeHeader(_flushedHeader, kHFSPlusVolumeHeaderOffset));
   _alternateWritten = false;
   _fluxMark = FluxMark::Absent;
+  if (_runLog) {
+    TRY(_runLog->end());
+    _runLog.reset();
+  }
   return {};
 }
 

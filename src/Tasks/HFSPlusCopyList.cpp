@@ -158,7 +158,9 @@ Result<> HFSPlusCopyList::_updateFork(const Group& group) {
 
 /// Makes the moves of these forks last, and only then tells of them, in the order of the list.
 Result<> HFSPlusCopyList::_flush(std::span<const Group> groups, bool countProgress) {
-  TRY(_volume.flush());
+  if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
+    return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
+  }
   std::vector<uint32_t> done;
   for (const Group& group : groups) {
     done.insert(done.end(), group.entries.begin(), group.entries.end());

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "HFSPlus/HFSPlusApplicationProfile.hpp"
+#include "HFSPlus/HFSPlusBootCacheProfile.hpp"
 #include "HFSPlus/HFSPlusExtentMap.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWStringUtilities.hpp"
@@ -134,11 +136,23 @@ Result<> HFSPlusDefragTask::_run() {
 
 /// Collects the forks that are to be laid down first.
 Result<> HFSPlusDefragTask::_prepareProfiles() {
-  _profileFileForks.emplace();
-  if (_profileFileForks->empty()) {
-    _profileFileForks.reset();
+  HFSPlusFileForkSet fileForks;
+  if (_useBootProfile) {
+    const HFSPlusProfile profile = TRY(HFSPlusBootCacheProfile::addFileForks(_volume, fileForks));
+    if (profile == HFSPlusProfile::Added) {
+      HFSPlusBootCacheProfile::reset(_volume);
+    }
   }
-  return _volume.flush();
+  if (_useAppProfile) {
+    TRY(HFSPlusApplicationProfile::addFileForks(_volume.catalog(), fileForks));
+  }
+  if (!fileForks.empty()) {
+    _profileFileForks = std::move(fileForks);
+  }
+  if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
+    TRY(_volume.discardChanges());
+  }
+  return {};
 }
 
 Result<> HFSPlusDefragTask::_runEngine(HFSPlusDefragStretch& stretch, uint32_t expectedBlocks) {
