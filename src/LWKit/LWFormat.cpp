@@ -9,6 +9,9 @@ namespace {
 // Wide enough for any number we print, narrow enough that no format can make us allocate at will.
 constexpr size_t kWidthLimit = 256;
 
+// A format that repeats its arguments over and over stops printing them beyond this many bytes.
+constexpr size_t kResultLimit = size_t{1} << 20;
+
 struct Specifier {
   std::optional<size_t> position;  // zero-based, when the specifier names its argument
   bool leftAligned = false;
@@ -51,7 +54,7 @@ class Formatter {
       return;
     }
     const size_t index = specifier->position ? *specifier->position : _nextArgument++;
-    if (index < _arguments.size()) {
+    if (index < _arguments.size() && _result.size() <= kResultLimit) {
       append(*specifier, _arguments[index]);
     }
   }
