@@ -82,14 +82,15 @@ std::vector<std::uint32_t> blocksAfter(const std::vector<std::string>& lines,
     return blocks;
   }
   for (++line; line != lines.end() && !line->empty(); ++line) {
-    // "277" or "37-38"
+    // "277" or "37-38"; nobody asks for forks of more than this many blocks.
+    static constexpr std::size_t kBlocksMax = 1 << 24;
     std::istringstream words(*line);
     for (std::string word; words >> word;) {
       const std::size_t dash = word.find('-');
       const std::uint64_t first = std::strtoull(word.c_str(), nullptr, 10);
       const std::uint64_t last =
           dash == std::string::npos ? first : std::strtoull(word.c_str() + dash + 1, nullptr, 10);
-      for (std::uint64_t block = first; block <= last; ++block) {
+      for (std::uint64_t block = first; block <= last && blocks.size() < kBlocksMax; ++block) {
         blocks.push_back(static_cast<std::uint32_t>(block));
       }
     }

@@ -77,6 +77,12 @@ class Comparison {
         _withAttributeForks.insert(fork.cnid);
       }
       _anyStray = _anyStray || fork.strayRecords > 0;
+      _anyLongAttribute =
+          _anyLongAttribute || (fork.type == ForkType::Attribute && fork.overflowRecords > 0);
+      const std::uint64_t blockSize = truth.header.blockSize;
+      const std::uint64_t needed = (fork.logicalSize + blockSize - 1) / blockSize;
+      _anySpare = _anySpare || (fork.cnid >= volumecheck::kFirstUserID &&
+                                fork.type != ForkType::Attribute && fork.totalBlocks > needed);
       _anyAcrossLeaves = _anyAcrossLeaves || fork.overflowLeafNodes > 1;
     }
     for (const CatalogItem& item : truth.items) {
@@ -143,7 +149,7 @@ class Comparison {
       if (item.linkTarget != 0 && item.fileType == kFolderLinkType) {
         return;
       }
-      if (item.cnid != volumecheck::kRootFolderID) {
+      if (item.cnid >= volumecheck::kFirstUserID) {
         surplus[item.linkTarget != 0 ? item.linkTarget : item.cnid] -= 1;
       }
     }
@@ -166,9 +172,27 @@ class Comparison {
     }
   }
 
-  // fshfsinfo refuses a volume without an attributes file.
+  // A node of the tree lies in two extents.
+  bool _nodesStraddle(std::uint32_t treeID, const volumecheck::TreeTruth& tree) const {
+    const auto fork = _forks.find({treeID, ForkType::Data});
+    std::uint64_t end = 0;
+    bool straddles = false;
+    for (const Extent& extent :
+         fork == _forks.end() ? std::vector<Extent>{} : fork->second->extents) {
+      end += std::uint64_t{extent.blockCount} * _truth.header.blockSize;
+      straddles = straddles || (tree.nodeSize != 0 && end < fork->second->logicalSize &&
+                                end % tree.nodeSize != 0);
+    }
+    return straddles;
+  }
+
+  // fshfsinfo refuses a volume without an attributes file, cannot read nodes in two pieces, and
+  // crashes at attributes whose forks have more than eight extents.
   void _compareHierarchy() {
-    if (_truth.header.attributesFile.totalBlocks == 0) {
+    if (_truth.header.attributesFile.totalBlocks == 0 || _anyLongAttribute ||
+        _nodesStraddle(volumecheck::kCatalogFileID, _truth.catalogTree) ||
+        _nodesStraddle(volumecheck::kExtentsFileID, _truth.extentsTree) ||
+        _nodesStraddle(volumecheck::kAttributesFileID, _truth.attributesTree)) {
       return;
     }
     const auto paths = fshfsinfo(_volume);
@@ -177,7 +201,11 @@ class Comparison {
     }
   }
 
+  // partclone does not look for the bitmap's extents beyond the eighth.
   void _compareBitmap() {
+    if (_forks.at({volumecheck::kAllocationFileID, ForkType::Data})->overflowRecords > 0) {
+      return;
+    }
     const auto used = partclone(_volume, _truth.header.blockSize);
     if (!_answered(used)) {
       return;
@@ -201,9 +229,10 @@ class Comparison {
   }
 
   // False when 7-Zip could not be asked. It stops when one fork's overflow records span two leaf
-  // nodes, and at overflow records beyond a fork's end.
+  // nodes, at overflow records beyond a fork's end, at attributes whose forks have more than eight
+  // extents, and at forks with more blocks than their bytes need.
   bool _compareSevenZip() {
-    if (_anyAcrossLeaves || _anyStray) {
+    if (_anyAcrossLeaves || _anyStray || _anyLongAttribute || _anySpare) {
       return false;
     }
     const auto entries = sevenZip(_volume);
@@ -316,6 +345,8 @@ class Comparison {
   std::map<std::uint32_t, std::uint32_t> _links;  // to what they lead to
   bool _anyStray = false;
   bool _anyAcrossLeaves = false;
+  bool _anyLongAttribute = false;
+  bool _anySpare = false;
   std::vector<std::string> _disagreements;
 };
 

@@ -78,6 +78,53 @@ TEST_F(OutsideReaders, AgreeOnAVolumeInsideAWrapper) {
   EXPECT_EQ(joined(outsideReadersAgree(_path, result.truth)), "");
 }
 
+TEST_F(OutsideReaders, AreNotAskedForWhatTheyCannotDo) {
+  using support::VolumeDescription;
+  const std::pair<const char*, void (*)(VolumeDescription&)> limits[] = {
+      {"an attribute fork of many extents",
+       [](VolumeDescription& v) {
+         v.root().addFile("a", support::fork(9)).addForkAttribute("x", support::fork(90000, 12));
+       }},
+      {"spare blocks",
+       [](VolumeDescription& v) { v.root().addFile("a", support::fork(9)).data.spareBlocks = 3; }},
+      {"stray overflow records",
+       [](VolumeDescription& v) { v.root().addFile("a", support::fork(9)).data.strayRecords = 1; }},
+      {"overflow records in several leaves",
+       [](VolumeDescription& v) {
+         v.extentsTree.nodeSize = 512;
+         v.root().addFile("a", support::fork(400000, 90), support::fork(50000, 10));
+       }},
+      {"nodes in two pieces",
+       [](VolumeDescription& v) {
+         v.blockSize = 1024;
+         v.catalog.totalNodes = 20;
+         v.catalog.fragments = 9;
+         v.catalog.nodesMayStraddle = true;
+       }},
+      {"a bitmap of many extents",
+       [](VolumeDescription& v) {
+         v.blockSize = 512;
+         v.size = 40 << 20;
+         v.allocationFragments = 12;
+       }},
+      {"no attributes file", [](VolumeDescription& v) { v.hasAttributesFile = false; }},
+      {"a bad block file in the catalog", [](VolumeDescription& v) {
+         v.size = 8 << 20;
+         v.addBadBlocks({{1000, 1}}, support::BadBlocksPlace::catalog);
+       }}};
+  for (const auto& [what, describe] : limits) {
+    VolumeDescription description;
+    describe(description);
+    description.root().addFile("other", support::fork(20000, 3), support::fork(600));
+    support::buildVolume(description, _path);
+    const CheckResult result = checkVolumeFile(_path);
+    EXPECT_TRUE(result.findingsExcept({volumecheck::FindingKind::OverflowBeyondTotal}).empty())
+        << what << ":\n"
+        << result.report();
+    EXPECT_EQ(joined(outsideReadersAgree(_path, result.truth)), "") << what;
+  }
+}
+
 TEST_F(OutsideReaders, ContradictAReadingThatIsWrong) {
   support::VolumeDescription description;
   description.root().addFile("file", support::fork(100000, 12), support::fork(600));

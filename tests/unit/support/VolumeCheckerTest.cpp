@@ -122,6 +122,14 @@ TEST(VolumeChecker, OrdersNamesByTheirUnitsOnlyOnVolumesThatAskForIt) {
   }
 }
 
+TEST(VolumeChecker, TakesTheLastBlockForOwnedAlsoWhenTheAlternateHeaderLiesBehindIt) {
+  support::VolumeDescription description;
+  description.size = (6 << 20) + 1536;
+  const CheckResult result = checkVolumeBytes(bytesOf(support::buildVolume(description)));
+  EXPECT_TRUE(result.findings.empty()) << result.report();
+  EXPECT_EQ(result.truth.header.totalBlocks, (6u << 20) / 4096);
+}
+
 TEST(VolumeChecker, SkipsHashesWhenToldTo) {
   CheckOptions options;
   options.hashForks = false;
