@@ -68,8 +68,10 @@ Result<> HFSPlusRunLog::begin(const HFSPlusVolumeHeader& header,
   const auto isZero = [](std::span<const std::byte> bytes) {
     return std::ranges::all_of(bytes, [](std::byte byte) { return byte == std::byte{0}; });
   };
-  const auto offset = TRY(searchReservedBytes(_device, _place, isZero));
-  if (!offset) {
+  if (!_locatorOffset) {
+    _locatorOffset = TRY(searchReservedBytes(_device, _place, isZero));
+  }
+  if (!_locatorOffset) {
     return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
   }
   _locator = {.runID = randomNumber(),
@@ -79,8 +81,9 @@ Result<> HFSPlusRunLog::begin(const HFSPlusVolumeHeader& header,
               .writeCount = header.writeCount};
   _identity = HFSPlusIdentityOfRun(_locator, header);
   _hint = header.totalBlocks;
-  _locatorOffset = offset;
-  return _writeLocator(_locator);
+  TRY(_writeLocator(_locator));
+  _active = true;
+  return {};
 }
 
 uint64_t HFSPlusRunLog::blocksFor(const HFSPlusFlushPlan& plan) const {
@@ -136,7 +139,8 @@ Result<> HFSPlusRunLog::retireBefore(uint64_t offset, uint64_t count) {
 }
 
 Result<> HFSPlusRunLog::end() {
-  if (isActive()) {
+  _active = false;
+  if (_locatorOffset) {
     TRY(HFSPlusEraseRunLocator(_device, _place, *_locatorOffset));
     _locatorOffset.reset();
   }

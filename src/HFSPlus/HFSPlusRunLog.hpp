@@ -29,11 +29,12 @@ class HFSPlusRunLog {
 
   HFSPlusRunLog(const XRDefragVolume& device, HFSPlusVolumePlace place);
 
-  bool isActive() const { return _locatorOffset.has_value(); }
+  /// Whether the log has begun and has not ended; not after an error in doing either.
+  bool isActive() const { return _active; }
 
   /// Starts the log of a run on a volume whose header on disk is `header` and is about to become
   /// `marked`. Fails with "The amount of free space is insufficient." when no reserved bytes are
-  /// free, and with device errors.
+  /// free, and with device errors. May be called again after an error in beginning or ending.
   [[nodiscard]] Result<> begin(const HFSPlusVolumeHeader& header,
                                const HFSPlusVolumeHeader& marked);
 
@@ -57,7 +58,8 @@ class HFSPlusRunLog {
   /// To be called before `count` bytes at a byte offset of the volume are written over.
   [[nodiscard]] Result<> retireBefore(uint64_t offset, uint64_t count);
 
-  /// Ends the log: the reserved bytes become zero again.
+  /// Ends the log, also one that failed to begin: the reserved bytes become zero again. May be
+  /// called again after an error.
   [[nodiscard]] Result<> end();
 
  private:
@@ -65,7 +67,8 @@ class HFSPlusRunLog {
 
   XRDefragVolume _device;
   HFSPlusVolumePlace _place;
-  std::optional<uint64_t> _locatorOffset;  // bytes from the volume's start, while active
+  std::optional<uint64_t> _locatorOffset;  // bytes from the volume's start, while any are taken
+  bool _active = false;
   HFSPlusRunLocator _locator;
   HFSPlusRunIdentity _identity;
   uint32_t _hint = 0;

@@ -252,10 +252,11 @@ Result<> HFSPlusVolume::_markInFlux() {
     return {};
   }
   if (!_runLog) {
-    auto log = std::make_unique<HFSPlusRunLog>(
+    _runLog = std::make_unique<HFSPlusRunLog>(
         *this, HFSPlusVolumePlace{_volumeStartOffset, _volumeSizeBytes});
-    TRY(log->begin(_flushedHeader, _onDiskHeader(_flushedHeader)));
-    _runLog = std::move(log);
+  }
+  if (!_runLog->isActive()) {
+    TRY(_runLog->begin(_flushedHeader, _onDiskHeader(_flushedHeader)));
   }
   _fluxMark = FluxMark::Uncertain;
   TRY(_writeHeader(_onDiskHeader(_flushedHeader), kHFSPlusVolumeHeaderOffset));
@@ -264,17 +265,16 @@ Result<> HFSPlusVolume::_markInFlux() {
 }
 
 Result<> HFSPlusVolume::_unmark() {
-  if (_fluxMark == FluxMark::Absent) {
-    return {};
+  if (_fluxMark != FluxMark::Absent) {
+    // The primary last: as long as it carries the mark, nobody takes the volume for finished.
+    if (_alternateWritten) {
+      TRY(_writeHeader(_flushedHeader, _alternateOffset()));
+    }
+    _fluxMark = FluxMark::Uncertain;
+    TRY(_writeHeader(_flushedHeader, kHFSPlusVolumeHeaderOffset));
+    _alternateWritten = false;
+    _fluxMark = FluxMark::Absent;
   }
-  // The primary last: as long as it carries the mark, nobody takes the volume for finished.
-  if (_alternateWritten) {
-    TRY(_writeHeader(_flushedHeader, _alternateOffset()));
-  }
-  _fluxMark = FluxMark::Uncertain;
-  TRY(_writeHeader(_flushedHeader, kHFSPlusVolumeHeaderOffset));
-  _alternateWritten = false;
-  _fluxMark = FluxMark::Absent;
   if (_runLog) {
     TRY(_runLog->end());
     _runLog.reset();

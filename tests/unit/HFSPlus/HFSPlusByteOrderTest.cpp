@@ -85,7 +85,7 @@ TEST(HFSPlusByteOrder, ABTreeHeaderKeepsItsReservedFields) {
   EXPECT_TRUE(isAsOnDisk(uint16_t{header.reserved1}, 30));
   EXPECT_EQ(header.btreeType, 36);
   EXPECT_EQ(header.keyCompareType, 37);
-  EXPECT_TRUE(isAsOnDisk(header.reserved3, 42));
+  EXPECT_TRUE(isAsOnDisk(std::array<uint32_t, 16>(header.reserved3), 42));
 }
 
 TEST(HFSPlusByteOrder, AFileRecordKeepsWhatOthersOwn) {
