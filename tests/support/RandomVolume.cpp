@@ -150,7 +150,7 @@ ForkDescription RandomVolume::drawFork(uint64_t mostBlocks) {
     blocks = 1 + _random.below(blocks);
   ForkDescription fork;
   fork.logicalSize = bytes(blocks) - _random.below(_volume.blockSize);
-  if (_random.chance(3))
+  if (_options.spareBlocks && _random.chance(3))
     fork.spareBlocks = between(1, 4);
   if (_options.strayRecords && _random.chance(5))
     fork.strayRecords = between(1, 3);
