@@ -27,6 +27,8 @@ struct ForkDescription {
   /// Leaves the blocks unwritten, so that a huge fork takes no room in a sparse image; it then
   /// reads as zeros.
   bool unwritten = false;
+  /// Refuses to split the fork: it comes in as many pieces as asked or the volume cannot be built.
+  bool unsplittable = false;
   /// Lays the fork among the special files at the front rather than in the data area.
   bool atFront = false;
   /// As many overflow records keyed beyond the fork's last block, which readers must not follow.

@@ -44,11 +44,19 @@ std::string ForkLayout::place(std::vector<PlannedFork>& forks) {
     if (!fork.extents.empty() && given != fork.blocks)
       return forkName(fork) + ": its extents do not have its number of blocks";
   }
-  for (PlannedFork& fork : forks) {
-    if (fork.place != ForkPlace::front || !fork.extents.empty() || fork.blocks == 0)
-      continue;
-    if (std::string failure = placeFront(fork); !failure.empty())
-      return failure;
+  // Forks that must not be split choose while the free space is still whole.
+  const auto turnOf = [](const PlannedFork& fork) {
+    if (fork.strict)
+      return fork.fragments == 1 ? 0 : 1;
+    return fork.place == ForkPlace::front ? 2 : 3;
+  };
+  for (int turn = 0; turn < 3; ++turn) {
+    for (PlannedFork& fork : forks) {
+      if (turnOf(fork) != turn || !fork.extents.empty() || fork.blocks == 0)
+        continue;
+      if (std::string failure = placeOne(fork); !failure.empty())
+        return failure;
+    }
   }
   return placeData(forks);
 }
@@ -71,14 +79,18 @@ std::vector<uint32_t> ForkLayout::cut(const PlannedFork& fork) {
   return sizes;
 }
 
-std::string ForkLayout::placeFront(PlannedFork& fork) {
+// Places a fork that does not wait for the others: at the front, or one that must not be split.
+std::string ForkLayout::placeOne(PlannedFork& fork) {
+  const bool front = fork.place == ForkPlace::front;
+  const uint32_t limit = front ? _frontLimit : UINT32_MAX;
   const std::vector<uint32_t> sizes = cut(fork);
   for (const uint32_t size : sizes) {
     std::optional<BlockExtent> piece;
     for (int i = 0; i < kFrontTries && !piece; ++i) {
-      const auto near =
-          sizes.size() == 1 ? _frontCursor : static_cast<uint32_t>(_random.below(_frontLimit));
-      piece = _space.takePiece(size, near, _frontLimit);
+      uint32_t near = front ? _frontCursor : _dataStart;
+      if (front && sizes.size() > 1)
+        near = static_cast<uint32_t>(_random.below(_frontLimit));
+      piece = _space.takePiece(size, near, limit);
       const bool touches = piece && !fork.extents.empty() &&
                            fork.extents.back().start + fork.extents.back().count == piece->start;
       if (touches && i + 1 < kFrontTries) {
@@ -87,20 +99,20 @@ std::string ForkLayout::placeFront(PlannedFork& fork) {
       }
     }
     if (!piece && (fork.strict || _space.freeBlocks() < size))
-      return forkName(fork) + ": no room at the front";
+      return forkName(fork) + ": no room for it";
     if (piece) {
       appendMerging(fork.extents, *piece);
       continue;
     }
     for (uint32_t left = size; left > 0;) {
-      const auto part = _space.takePiece(std::min(left, _space.longest()), 0, _frontLimit);
+      const auto part = _space.takePiece(std::min(left, _space.longest()), 0, limit);
       if (!part)
-        return forkName(fork) + ": no room at the front";
+        return forkName(fork) + ": no room for it";
       appendMerging(fork.extents, *part);
       left -= part->count;
     }
   }
-  if (sizes.size() == 1)
+  if (front && sizes.size() == 1)
     _frontCursor = fork.extents.back().start + fork.extents.back().count;
   return {};
 }

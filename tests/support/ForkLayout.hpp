@@ -52,7 +52,7 @@ class ForkLayout {
   };
 
   std::vector<uint32_t> cut(const PlannedFork& fork);
-  [[nodiscard]] std::string placeFront(PlannedFork& fork);
+  [[nodiscard]] std::string placeOne(PlannedFork& fork);
   [[nodiscard]] std::string placeData(std::vector<PlannedFork>& forks);
   void collectPieces(const std::vector<PlannedFork>& forks);
   void drawGaps(uint64_t freeBlocks);

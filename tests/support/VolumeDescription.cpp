@@ -38,6 +38,7 @@ void VolumeDescription::addJournal(uint64_t journalSize) {
     file.mode = 0100000;
     file.finderFlags = kFinderInvisible;
     file.data.atFront = true;
+    file.data.unsplittable = true;
     return &file;
   };
   journalInfoFile = addHidden(".journal_info_block", blockSize);

@@ -151,7 +151,7 @@ uint32_t VolumePlan::addFork(uint32_t fileID, uint8_t forkType, const ForkDescri
   planned.place = fork.atFront ? ForkPlace::front : ForkPlace::data;
   planned.blocks = built.totalBlocks;
   planned.fragments = fork.fragments;
-  planned.strict = fork.atFront && fork.fragments == 1;
+  planned.strict = fork.unsplittable;
   planned.extents = fork.extents;
   return static_cast<uint32_t>(_forks.size() - 1);
 }
