@@ -63,7 +63,7 @@ class BinaryList {
     return length;
   }
 
-  bool isModestObject(uint64_t object, unsigned depth) {
+  bool isModestObject(uint64_t object, unsigned depth, bool isKey = false) {
     if (depth == 0 || object >= _objectCount || object > _bytes.size()) {
       return false;
     }
@@ -78,18 +78,29 @@ class BinaryList {
       case kSet:
         return spend(0) && areModestObjects(*offset, *length, depth - 1);
       case kDictionary:
-        return spend(0) && areModestObjects(*offset, 2 * *length, depth - 1);
+        return spend(0) && areModestObjects(*offset, *length, depth - 1, true) &&
+               areModestObjects(*offset + *length * _referenceBytes, *length, depth - 1);
       case kUTF16:
-        return spend(3 * *length);
+        return spend(3 * *length) && !(isKey && holdsNul(*offset, *length, 2));
       default:
-        return spend(*length);
+        return spend(*length) && !(isKey && holdsNul(*offset, *length, 1));
     }
   }
 
-  bool areModestObjects(uint64_t offset, uint64_t count, unsigned depth) {
+  /// Whether there is a NUL among characters of one or two bytes, which no key may hold.
+  bool holdsNul(uint64_t offset, uint64_t length, size_t size) const {
+    for (uint64_t index = 0; index < length; ++index) {
+      if (integerAt(offset + index * size, size).value_or(0) == 0) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  bool areModestObjects(uint64_t offset, uint64_t count, unsigned depth, bool areKeys = false) {
     for (uint64_t index = 0; index < count; ++index) {
       const auto object = integerAt(offset + index * _referenceBytes, _referenceBytes);
-      if (!object || !isModestObject(*object, depth)) {
+      if (!object || !isModestObject(*object, depth, areKeys)) {
         return false;
       }
     }
@@ -127,6 +138,6 @@ bool XRDefragPropertyListGuard::isModestBinary(std::string_view bytes) {
 
 bool XRDefragPropertyListGuard::isModestXML(std::string_view bytes) {
   const size_t first = bytes.find_first_not_of(" \t\r\n");
-  return first != std::string_view::npos && bytes[first] == '<' &&
+  return first != std::string_view::npos && bytes[first] == '<' && !bytes.contains('\0') &&
          occurrences(bytes, "<array") + occurrences(bytes, "<dict") <= kContainerLimit;
 }

@@ -61,10 +61,10 @@ std::optional<LWStringTable::Map> XRDefragStringsFile::parse(std::string_view by
     if (value == nullptr) {
       return strings;
     }
-    if (key && plist_get_node_type(value) == PLIST_STRING) {
-      uint64_t length = 0;
-      const char* text = plist_get_string_ptr(value, &length);
-      strings.insert_or_assign(key.get(), std::string(text, text == nullptr ? 0 : length));
+    const bool isText = key && plist_get_node_type(value) == PLIST_STRING;
+    const char* text = isText ? plist_get_string_ptr(value, nullptr) : nullptr;
+    if (text != nullptr && LWIsUTF8(text)) {
+      strings.insert_or_assign(key.get(), text);
     }
   }
 }
