@@ -114,7 +114,7 @@ class HFSPlusExtentMap {
       return (*this)(entry, key.start);
     }
   };
-  using Map = HFSPlusSkipList<HFSPlusExtentMapEntry, ByStart, 12>;
+  using Map = HFSPlusSkipList<HFSPlusExtentMapEntry, ByStart, 16>;
   struct Range {
     uint32_t start;
     uint32_t count;

@@ -45,7 +45,12 @@ Result<> HFSPlusFreeMap::build(HFSPlusAllocation& allocation, uint32_t desiredBl
 }
 
 Result<> HFSPlusFreeMap::insert(uint32_t start, uint32_t count) {
-  if (_map.insert({start, count}) == nullptr) {
+  HFSPlusFreeMapEntry entry{start, count};
+  if (_entryCapacity != 0 && _entryCount >= _entryCapacity &&
+      LargestFirst{}(entry, *_map.last()) > 0) {
+    return {};  // it would be the first to be clipped
+  }
+  if (_map.insert(entry) == nullptr) {
     return std::unexpected(XRDefragError::localized("Out of memory."));
   }
   ++_entryCount;

@@ -78,5 +78,5 @@ class HFSPlusFreeMap {
   uint32_t _blockCount = 0;
   uint64_t _entryCapacity;  // 0: no limit
   uint64_t _entryCount = 0;
-  HFSPlusSkipList<HFSPlusFreeMapEntry, LargestFirst, 6> _map;
+  HFSPlusSkipList<HFSPlusFreeMapEntry, LargestFirst, 12> _map;
 };
