@@ -117,7 +117,8 @@ Result<HFSPlusAllocationChunkHold> HFSPlusAllocation::cachedChunkWithChunkIndex(
   auto cell = _chunkCacheTOC.find(index);
   if (cell == _chunkCacheTOC.end()) {
     auto chunk = TRY(HFSPlusAllocationChunk::open(*this, index));
-    cell = _chunkCacheTOC.emplace(index, Cell{.chunk = std::move(chunk)}).first;
+    cell = _chunkCacheTOC.try_emplace(index).first;
+    cell->second.chunk = std::move(chunk);
   } else if (cell->second.holds == 0) {
     _chunkCache.erase(cell->second.idle);
   }
@@ -131,8 +132,9 @@ Result<HFSPlusAllocationChunkHold> HFSPlusAllocation::cachedChunkWithBlockIndex(
 
 void HFSPlusAllocation::cachedChunkRelease(HFSPlusAllocationChunk& chunk) {
   auto cell = _chunkCacheTOC.find(chunk.index());
-  LW_ASSERT(cell != _chunkCacheTOC.end() && cell->second.chunk.get() == &chunk &&
-            cell->second.holds > 0);
+  LW_ASSERT(cell != _chunkCacheTOC.end());
+  LW_ASSERT(cell->second.chunk.get() == &chunk);
+  LW_ASSERT(cell->second.holds > 0);
   if (--cell->second.holds > 0) {
     return;
   }
@@ -153,8 +155,8 @@ void HFSPlusAllocation::_cachedChunkDealloc(TOC::iterator cell) {
 
 Result<> HFSPlusAllocation::flush() {
   Result<> result;
-  if (_evictionError) {
-    result = std::unexpected(*std::exchange(_evictionError, std::nullopt));
+  if (std::optional<XRDefragError> error = std::exchange(_evictionError, std::nullopt)) {
+    result = std::unexpected(*std::move(error));
   }
   for (auto& [index, cell] : _chunkCacheTOC) {
     Result<> written = cell.chunk->flush();

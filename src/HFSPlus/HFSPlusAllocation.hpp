@@ -83,7 +83,7 @@ class HFSPlusAllocation final : public HFSPlusFile {
   struct Cell {
     std::unique_ptr<HFSPlusAllocationChunk> chunk;
     uint32_t holds = 0;
-    Idle::iterator idle{};  // its place in the idle queue while holds is 0
+    Idle::iterator idle;  // its place in the idle queue while holds is 0
   };
   using TOC = std::map<uint32_t, Cell>;
   /// A range's part in one chunk, in bits.

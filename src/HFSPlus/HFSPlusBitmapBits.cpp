@@ -31,7 +31,8 @@ uint64_t maskOf(uint64_t word, uint64_t first, uint64_t end) {
 
 void checkRange(std::span<const std::byte> bitmap, uint64_t first, uint64_t count) {
   uint64_t bits = bitmap.size() * 8;
-  LW_ASSERT(first <= bits && count <= bits - first);
+  LW_ASSERT(first <= bits);
+  LW_ASSERT(count <= bits - first);
 }
 
 /// Sets bits of the bitmap inverted by `inversion`: all ones to clear bits, zero to set them.

@@ -232,7 +232,9 @@ void HFSPlusExtentMap::clipToCapacity() {
 }
 
 void HFSPlusExtentMap::limitMemoryUsageTo(uint64_t bytes) {
-  LW_ASSERT(bytes == 0 || bytes > kBytesPerEntry);
+  if (bytes != 0) {
+    LW_ASSERT(bytes > kBytesPerEntry);
+  }
   _extentCapacity = bytes / kBytesPerEntry;
   clipToCapacity();
 }

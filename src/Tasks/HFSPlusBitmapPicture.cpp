@@ -11,22 +11,35 @@
 #include "Tasks/HFSPlusBitmapScaler.hpp"
 #include "XRDefragReport.hpp"
 
+namespace {
+
+constexpr size_t kHandOverSize = 60000;  // bytes
+
+}  // namespace
+
 HFSPlusBitmapPicture::HFSPlusBitmapPicture(std::string taskName, uint32_t scale,
                                            uint32_t maskedBlocks, XRDefragReport& report)
     : _taskName(std::move(taskName)), _scale(scale), _maskedBlocks(maskedBlocks), _report(report) {}
 
 Result<> HFSPlusBitmapPicture::print(const HFSPlusVolumeHeader& header,
                                      HFSPlusAllocation& allocation) {
+  Result<> result = appendLines(header, allocation);
+  handOver();
+  return result;
+}
+
+Result<> HFSPlusBitmapPicture::appendLines(const HFSPlusVolumeHeader& header,
+                                           HFSPlusAllocation& allocation) {
   uint64_t totalBlocks = header.totalBlocks;
   uint32_t blocksAtEnd = header.blockSize <= 512 ? 2 : 1;
   _lastUsedLimit = header.totalBlocks - std::min(header.totalBlocks, blocksAtEnd);
   uint64_t groups = (totalBlocks + _scale - 1) / _scale;
-  _report.print(LWFormat("%s,LENGTH,%llu\n", _taskName, (groups + 7) / 8));
-
-  std::string line;
+  _lines += LWFormat("%s,LENGTH,%llu\n", _taskName, (groups + 7) / 8);
   HFSPlusBitmapScaler scaler(_scale, [&](std::string_view digits) {
-    line.assign(_taskName).append(",DATA,").append(digits).append("\n");
-    _report.print(line);
+    _lines.append(_taskName).append(",DATA,").append(digits).append("\n");
+    if (_lines.size() >= kHandOverSize) {
+      handOver();
+    }
   });
   std::vector<std::byte> masked;
   uint64_t blocksPerChunk = uint64_t{allocation.chunkSize()} * 8;
@@ -44,9 +57,17 @@ Result<> HFSPlusBitmapPicture::print(const HFSPlusVolumeHeader& header,
   }
   scaler.finish();
 
-  _report.print(LWFormat("%s,FIRSTUNUSEDBLOCK,%u\n", _taskName, _firstUnusedBlock));
-  _report.print(LWFormat("%s,LASTUSEDBLOCK,%u\n", _taskName, _lastUsedBlock));
+  _lines += LWFormat("%s,FIRSTUNUSEDBLOCK,%u\n", _taskName, _firstUnusedBlock);
+  _lines += LWFormat("%s,LASTUSEDBLOCK,%u\n", _taskName, _lastUsedBlock);
   return {};
+}
+
+/// Lines go to the report many at a time: a pipe takes them in pieces as large as it holds.
+void HFSPlusBitmapPicture::handOver() {
+  if (!_lines.empty()) {
+    _report.print(_lines);
+    _lines.clear();
+  }
 }
 
 /// Looks for the first free and the last used block in the bitmap of the blocks from one on. The

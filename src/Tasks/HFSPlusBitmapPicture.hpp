@@ -25,12 +25,15 @@ class HFSPlusBitmapPicture {
   [[nodiscard]] Result<> print(const HFSPlusVolumeHeader& header, HFSPlusAllocation& allocation);
 
  private:
+  Result<> appendLines(const HFSPlusVolumeHeader& header, HFSPlusAllocation& allocation);
   void noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock);
+  void handOver();
 
   std::string _taskName;
   uint32_t _scale;
   uint64_t _maskedBlocks;
   XRDefragReport& _report;
+  std::string _lines;                       // not yet handed to the report
   uint32_t _firstUnusedBlock = UINT32_MAX;  // as yet none
   uint32_t _lastUsedBlock = 0;
   uint32_t _lastUsedLimit = 0;  // the blocks from here on hold the alternate header
