@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "HFSPlus/HFSPlusBlockRanges.hpp"
 #include "HFSPlus/HFSPlusByteOrder.hpp"
 #include "HFSPlus/HFSPlusFlushPlan.hpp"
 #include "HFSPlus/HFSPlusForkDataRegistry.hpp"
@@ -103,7 +104,10 @@ class HFSPlusVolume final : public XRDefragVolume,
   /// in the midst of writing the flush stays unfinished: the next flush(), discardChanges() or
   /// endRewriting() completes it first.
   enum class FlushOutcome { Flushed, NoRoomForRecord };
-  [[nodiscard]] Result<FlushOutcome> flush();
+  [[nodiscard]] Result<FlushOutcome> flush() { return flush({}); }
+  /// A flush in the midst of a batch: its record keeps off free blocks that data has been written
+  /// to whose forks are not pointed there yet.
+  [[nodiscard]] Result<FlushOutcome> flush(const HFSPlusBlockRanges& pendingBlocks);
 
   /// From here the first write of anything marks the on-disk header as in flux first, and every
   /// flush makes the header's free-block count agree with the bitmap.
@@ -142,7 +146,8 @@ class HFSPlusVolume final : public XRDefragVolume,
   Result<HFSPlusFlushPlan> _planFlush();
   Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
   void _planHeaders(HFSPlusFlushPlan& plan);
-  Result<std::optional<uint32_t>> _findRecordPlace(const HFSPlusFlushPlan& plan);
+  Result<std::optional<uint32_t>> _findRecordPlace(const HFSPlusFlushPlan& plan,
+                                                   const HFSPlusBlockRanges& pendingBlocks);
   Result<> _finishFlush();
   Result<> _writePlan(const HFSPlusFlushPlan& plan);
   Result<> _markInFlux();

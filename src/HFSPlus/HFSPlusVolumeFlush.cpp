@@ -76,7 +76,7 @@ Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset)
   return XRDefragVolume::write(bytes, _volumeStartOffset + offset);
 }
 
-Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush() {
+Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRanges& pendingBlocks) {
   TRY(_finishFlush());
   TRY(_flushSpecialFiles());
   HFSPlusFlushPlan plan = TRY(_planFlush());
@@ -85,7 +85,7 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush() {
   }
   TRY(_markInFlux());
   if (_runLog) {
-    const auto place = TRY(_findRecordPlace(plan));
+    const auto place = TRY(_findRecordPlace(plan, pendingBlocks));
     if (!place) {
       return FlushOutcome::NoRoomForRecord;
     }
@@ -102,7 +102,8 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush() {
 
 /// An allocation block at which the plan's record fits into blocks that are free before and after
 /// the flush; rather not where the record before it is, which would have to be retired first.
-Result<std::optional<uint32_t>> HFSPlusVolume::_findRecordPlace(const HFSPlusFlushPlan& plan) {
+Result<std::optional<uint32_t>> HFSPlusVolume::_findRecordPlace(
+    const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks) {
   const uint64_t count = _runLog->blocksFor(plan);
   if (HFSPlusFlushRecord::bytesFor(plan) > HFSPlusRunLog::kRecordBytesMax ||
       count > _hostVolumeHeader.totalBlocks) {
@@ -110,14 +111,14 @@ Result<std::optional<uint32_t>> HFSPlusVolume::_findRecordPlace(const HFSPlusFlu
   }
   const uint32_t end = _hostVolumeHeader.totalBlocks - static_cast<uint32_t>(count);
   const uint32_t hint = std::min(_runLog->hint(), end);
-  HFSPlusBlockRanges avoided;
+  HFSPlusBlockRanges avoided = pendingBlocks;
   if (const auto live = _runLog->liveRecord()) {
     avoided.add(live->block, live->count);
   }
   if (const auto place = TRY(_allocation->findUnusedRun(count, hint, avoided))) {
     return place;
   }
-  return _allocation->findUnusedRun(count, hint, {});
+  return _allocation->findUnusedRun(count, hint, pendingBlocks);
 }
 
 Result<> HFSPlusVolume::_flushSpecialFiles() {

@@ -85,9 +85,12 @@ void HFSPlusCompactMode::updateSource() {
   _state.entry = {};
 }
 
-void HFSPlusCompactMode::forgetFile(uint32_t) {
-  // Below the cursor there is nothing to move, so that starting over finds the same place.
+void HFSPlusCompactMode::startOver(const HFSPlusFileFork&) {
+  // Nothing lies between the front and where the batch began, so that seeking from the front finds
+  // the same place.
   _state.startBlock = 0;
   _state.blockCount = 0;
   _state.entry = {};
 }
+
+void HFSPlusCompactMode::forgetFile(uint32_t) {}

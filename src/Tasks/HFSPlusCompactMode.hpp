@@ -20,6 +20,7 @@ class HFSPlusCompactMode final : public HFSPlusSourceMode {
   [[nodiscard]] Result<std::optional<HFSPlusSourceEntry>> getSourceEntry() override;
   [[nodiscard]] Result<> putSourceEntry(const HFSPlusSourceEntry& taken) override;
   void updateSource() override;
+  void startOver(const HFSPlusFileFork& fork) override;
   void forgetFile(uint32_t fileID) override;
 
  private:

@@ -12,6 +12,10 @@ namespace {
 /// More rebuilds than a mode retries of its own accord.
 constexpr uint32_t kMaxFruitlessBuilds = 4;
 
+std::unexpected<XRDefragError> insufficientSpace() {
+  return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
+}
+
 std::unexpected<XRDefragError> tooCongested() {
   return std::unexpected(XRDefragError::localized("Volume is too congested, unable to continue."));
 }
@@ -28,7 +32,8 @@ HFSPlusCopyEngine::HFSPlusCopyEngine(HFSPlusVolume& volume, HFSPlusDefragStretch
       _buffer(buffer),
       _cancelled(std::move(cancelled)),
       _copyList(volume, stretch, buffer, progress, _cancelled),
-      _zone(volume, stretch, _copyList) {}
+      _zone(volume, stretch, _copyList),
+      _zoneLimit(buffer.blockCount()) {}
 
 Result<> HFSPlusCopyEngine::run() {
   Result<> result = _run();
@@ -54,11 +59,33 @@ Result<> HFSPlusCopyEngine::_run() {
     if (TRY(_fillZone(zone.blocks)) == Outcome::MapRebuilt) {
       continue;
     }
-    TRY(_copyList.performCopyList(true));
-    _copyList.disposeCopyList();
-    _mode.updateSource();
+    TRY(_carryOut());
   }
   return std::unexpected(XRDefragError::userCancelled());
+}
+
+/// Carries out what is planned or, where free space is too short for that, the beginning of it.
+Result<> HFSPlusCopyEngine::_carryOut() {
+  const uint32_t moved = TRY(_copyList.performCopyList(true));
+  const std::vector<HFSPlusCopyEntry>& entries = _copyList.entries();
+  if (moved == entries.size()) {
+    _fillLimit = UINT32_MAX;
+    _copyList.disposeCopyList();
+    _mode.updateSource();
+    return {};
+  }
+  const HFSPlusCopyEntry next = entries[moved];
+  uint32_t blocks = 0;
+  for (size_t i = moved; i < entries.size(); ++i) {
+    blocks += entries[i].count;
+  }
+  if (blocks == 1) {
+    return insufficientSpace();
+  }
+  _copyList.disposeCopyList();
+  _fillLimit = blocks / 2;
+  _mode.startOver({next.entry.cnid, next.entry.info.forkType});
+  return _rebuildMap(next.nustart);
 }
 
 /// Sees to it that the map has movable blocks at its front; false when the run is complete.
@@ -72,10 +99,12 @@ Result<bool> HFSPlusCopyEngine::_prepareStretch() {
       return false;
     }
     if (!first) {
-      TRY(_stretch.build(_stretch.nextStartBlock()));
-      _mapIsUsedUp = false;
+      TRY(_rebuildMap(_stretch.nextStartBlock()));
     } else if (_mapIsUsedUp) {
-      TRY(_rebuildStretch(first->entry->start));
+      if (++_fruitlessBuilds > kMaxFruitlessBuilds) {
+        return tooCongested();
+      }
+      TRY(_rebuildMap(first->entry->start));
     } else {
       TRY(_stretch.build(first->entry->start));
       if (_stretch.movableBlocks() == 0) {
@@ -86,47 +115,69 @@ Result<bool> HFSPlusCopyEngine::_prepareStretch() {
   }
 }
 
-Result<> HFSPlusCopyEngine::_rebuildStretch(uint32_t startBlock) {
-  if (++_fruitlessBuilds > kMaxFruitlessBuilds) {
-    return tooCongested();
-  }
-  TRY(_stretch.build(startBlock));
+/// Builds the map again at a block of the stretch at hand.
+Result<> HFSPlusCopyEngine::_rebuildMap(uint32_t startBlock) {
   _mapIsUsedUp = false;
-  return {};
+  return _stretch.build(startBlock);
 }
 
 /// Makes the next copy zone free. One of the full size is tried first; when there is too little
 /// space to clear that, the largest one that can be had.
 auto HFSPlusCopyEngine::_prepareZone() -> Result<Zone> {
-  uint32_t blocks = std::min(_stretch.movableBlocks(), _buffer.blockCount());
+  const uint32_t whole = std::min(_stretch.movableBlocks(), _buffer.blockCount());
+  uint32_t blocks = std::min(whole, _zoneLimit);
+  // What sets a limit loosens with time: forks come together again, and so does free space.
+  _zoneLimit = std::min(_zoneLimit + _zoneLimit / 8 + 1, _buffer.blockCount());
   while (true) {
     const uint32_t freeBlocks = _zone.countFreeBlocks(blocks);
     if (freeBlocks >= blocks) {
       return Zone{Outcome::GoOn, blocks};
     }
-    switch (TRY(_zone.evict(blocks))) {
-      case HFSPlusCopyZone::Eviction::Done: {
-        const bool isFree = _zone.countFreeBlocks(blocks) >= blocks;
-        return Zone{isFree ? Outcome::GoOn : Outcome::RunComplete, blocks};
+    const auto room =
+        blocks == whole ? HFSPlusCopyZone::Room::UseAll : HFSPlusCopyZone::Room::LeaveForRecord;
+    const auto eviction = TRY(_zone.evict(blocks, room));
+    if (eviction == HFSPlusCopyZone::Eviction::Done) {
+      const bool isFree = _zone.countFreeBlocks(blocks) >= blocks;
+      return Zone{isFree ? Outcome::GoOn : Outcome::RunComplete, blocks};
+    }
+    if (blocks == 1) {
+      if (eviction != HFSPlusCopyZone::Eviction::TooManyPieces) {
+        return insufficientSpace();
       }
-      case HFSPlusCopyZone::Eviction::ExtentsFileInTheWay:
-        TRY(_leaveExtentsFile(_stretch.map().startBlock()));
-        return Zone{Outcome::MapRebuilt, 0};
-      case HFSPlusCopyZone::Eviction::TooLittleSpace:
-        if (blocks == 1) {
-          return std::unexpected(
-              XRDefragError::localized("The amount of free space is insufficient."));
-        }
-        blocks = std::max(blocks / 2, freeBlocks);
+      TRY(_leaveExtentsFile(_stretch.map().startBlock()));
+      return Zone{Outcome::MapRebuilt, 0};
+    }
+    blocks = std::max(blocks / 2, freeBlocks);
+    if (eviction != HFSPlusCopyZone::Eviction::TooLittleSpace) {
+      _zoneLimit = blocks;
+    }
+    if (eviction == HFSPlusCopyZone::Eviction::CannotBeFlushed) {
+      TRY(_rebuildMap(_stretch.map().startBlock()));
+      return Zone{Outcome::MapRebuilt, 0};
     }
   }
+}
+
+/// Blocks of the zone that a batch may fill: all of it, unless no free blocks would be left then to
+/// write down what its flush is about to do.
+uint32_t HFSPlusCopyEngine::_roomInZone(uint32_t zoneBlocks) const {
+  const uint32_t room = std::min(zoneBlocks, _fillLimit);
+  const uint32_t freeBlocks = _stretch.map().blockCountForType(kHFSPlusExtentUnalloced);
+  const uint64_t needed = uint64_t{room} + _zone.recordBlocks();
+  if (!_stretch.reachesVolumeEnd() || freeBlocks >= needed) {
+    return room;
+  }
+  const uint64_t excess = needed - freeBlocks;
+  return excess < room / 2 ? static_cast<uint32_t>(room - excess) : room - room / 2;
 }
 
 /// Plans moves into the zone until it is full or the mode has nothing more.
 auto HFSPlusCopyEngine::_fillZone(uint32_t zoneBlocks) -> Result<Outcome> {
   const uint32_t front = _stretch.map().startBlock();
+  const uint32_t room = _roomInZone(zoneBlocks);
   std::unique_ptr<HFSPlusForkExtents> extentsFile;  // as the planned moves will leave it
-  for (uint32_t placed = 0; placed < zoneBlocks;) {
+  uint32_t sound = 0;  // blocks placed when it was last in no more pieces than it can
+  for (uint32_t placed = 0; placed < room;) {
     const auto source = TRY(_mode.getSourceEntry());
     if (!source) {
       _mapIsUsedUp = true;
@@ -135,24 +186,38 @@ auto HFSPlusCopyEngine::_fillZone(uint32_t zoneBlocks) -> Result<Outcome> {
     const bool isExtentsFile = source->cnid == kHFSExtentsFileID;
     if (isExtentsFile && !extentsFile) {
       if (placed > 0) {
-        // It begins a batch, so that a plan that does not work out is no more than its own.
-        break;
+        break;  // it begins a batch, so that planning anew starts with it
       }
       extentsFile = TRY(HFSPlusForkExtents::open(_volume, source->cnid, source->fork));
     }
-    const uint32_t count = TRY(_placeSource(*source, zoneBlocks - placed));
+    const uint32_t count = TRY(_placeSource(*source, room - placed));
     if (isExtentsFile) {
       TRY(extentsFile->move(source->start + source->offset, _copyList.entries().back().nustart,
                             count));
     }
     placed += count;
+    if (!extentsFile || extentsFile->editedDescriptorCount() <= kHFSPlusExtentDensity) {
+      sound = placed;
+    }
     _fruitlessBuilds = 0;
   }
   if (extentsFile && extentsFile->editedDescriptorCount() > kHFSPlusExtentDensity) {
-    TRY(_leaveExtentsFile(front));
+    TRY(_planAnew(front, sound));
     return Outcome::MapRebuilt;
   }
   return Outcome::GoOn;
+}
+
+/// Forgets a plan that would leave the extents file in more pieces than the header can hold, for
+/// one that ends where it would not; if there is no such place, the file stays where it is.
+Result<> HFSPlusCopyEngine::_planAnew(uint32_t front, uint32_t soundBlocks) {
+  _copyList.disposeCopyList();
+  _mode.startOver({kHFSExtentsFileID, kHFSDataForkType});
+  _fillLimit = soundBlocks > 0 ? soundBlocks : UINT32_MAX;
+  if (soundBlocks == 0) {
+    return _leaveExtentsFile(front);
+  }
+  return _rebuildMap(front);
 }
 
 /// Plans as much of a source as fits into the free run at the front; the number of blocks.
@@ -181,13 +246,9 @@ Result<uint32_t> HFSPlusCopyEngine::_placeSource(HFSPlusSourceEntry source, uint
   return source.count;
 }
 
-/// Gives up moving the extents file, which would end in more pieces than the header can hold, and
-/// with it what has been planned from this front on.
+/// Leaves the extents file where it is for the rest of the run.
 Result<> HFSPlusCopyEngine::_leaveExtentsFile(uint32_t front) {
-  _copyList.disposeCopyList();
   _stretch.pinExtentsFile();
-  TRY(_stretch.build(front));
-  _mapIsUsedUp = false;
   _mode.forgetFile(kHFSExtentsFileID);
-  return {};
+  return _rebuildMap(front);
 }

@@ -51,10 +51,13 @@ class HFSPlusCopyEngine {
 
   Result<> _run();
   Result<bool> _prepareStretch();
-  Result<> _rebuildStretch(uint32_t startBlock);
+  Result<> _rebuildMap(uint32_t startBlock);
   Result<Zone> _prepareZone();
   Result<Outcome> _fillZone(uint32_t zoneBlocks);
+  uint32_t _roomInZone(uint32_t zoneBlocks) const;
   Result<uint32_t> _placeSource(HFSPlusSourceEntry source, uint32_t room);
+  Result<> _carryOut();
+  Result<> _planAnew(uint32_t front, uint32_t soundBlocks);
   Result<> _leaveExtentsFile(uint32_t front);
 
   HFSPlusVolume& _volume;
@@ -64,6 +67,8 @@ class HFSPlusCopyEngine {
   std::function<bool()> _cancelled;
   HFSPlusCopyList _copyList;
   HFSPlusCopyZone _zone;
-  bool _mapIsUsedUp = false;      // the mode found nothing in the map
-  uint32_t _fruitlessBuilds = 0;  // rebuilds in a row without a block placed between them
+  uint32_t _zoneLimit;               // blocks; what could be evicted last
+  uint32_t _fillLimit = UINT32_MAX;  // blocks; what a plan made anew may place
+  bool _mapIsUsedUp = false;         // the mode found nothing in the map
+  uint32_t _fruitlessBuilds = 0;     // rebuilds in a row without a block placed between them
 };

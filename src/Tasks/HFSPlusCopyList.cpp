@@ -25,7 +25,7 @@ void HFSPlusCopyList::appendCopyEntry(const HFSPlusExtentMapEntry& entry, uint32
   _entries.push_back({entry, offset, count, nustart});
 }
 
-Result<> HFSPlusCopyList::performCopyList(bool countProgress) {
+Result<uint32_t> HFSPlusCopyList::performCopyList(bool countProgress) {
   TRY(_checkFit());
   _volume.yieldGate();
   TRY(_readSources());
@@ -33,7 +33,7 @@ Result<> HFSPlusCopyList::performCopyList(bool countProgress) {
   TRY(_writeDestinations());
   _volume.yieldGate();
 
-  Result<> result = _updateForks(countProgress);
+  Result<uint32_t> result = _updateForks(countProgress);
   if (!result) {
     if (const Result<> discarded = _volume.discardChanges(); !discarded) {
       LWDebugLog(LWDebugLevel::Warning, "%@\n", discarded.error().description());
@@ -106,10 +106,9 @@ Result<> HFSPlusCopyList::_writeDestinations() {
   return {};
 }
 
-/// Brings the entries together by fork, in the order in which the forks first appear: each fork is
-/// read and written back once, however its pieces are interleaved with those of others.
-auto HFSPlusCopyList::_groups() const -> std::vector<Group> {
-  std::vector<Group> groups;
+std::vector<HFSPlusCopyGroup> HFSPlusCopyList::groups() const {
+  // Each fork is read and written back once, however its pieces are interleaved with others'.
+  std::vector<HFSPlusCopyGroup> groups;
   std::unordered_map<uint64_t, uint32_t> groupOfFork;
   for (uint32_t i = 0; i < _entries.size(); ++i) {
     const HFSPlusExtentMapEntry& entry = _entries[i].entry;
@@ -120,49 +119,84 @@ auto HFSPlusCopyList::_groups() const -> std::vector<Group> {
     }
     groups[found->second].entries.push_back(i);
   }
+  std::ranges::stable_partition(
+      groups, [&](const HFSPlusCopyGroup& group) { return _volume.isSpecialFile(group.cnid); });
   return groups;
 }
 
-Result<> HFSPlusCopyList::_updateForks(bool countProgress) {
-  const std::vector<Group> groups = _groups();
-  size_t flushed = 0;
-  for (size_t i = 0; i < groups.size(); ++i) {
-    TRY(_updateFork(groups[i]));
-    if (_volume.heldWrites().byteCount() >= kHeldBytesLimit) {
-      TRY(_flush(std::span(groups).subspan(flushed, i + 1 - flushed), countProgress));
-      flushed = i + 1;
+/// Points all forks to their new places, and flushes: as many at a time as may be held back, and as
+/// there is room to write down.
+Result<uint32_t> HFSPlusCopyList::_updateForks(bool countProgress) {
+  const std::vector<HFSPlusCopyGroup> forks = groups();
+  // The volume's own files all go with the first flush. It would change them where they were, and
+  // what has been copied from there would be out of date.
+  const auto isOwn = [&](const HFSPlusCopyGroup& group) {
+    return _volume.isSpecialFile(group.cnid);
+  };
+  size_t least = std::max<size_t>(1, static_cast<size_t>(std::ranges::count_if(forks, isOwn)));
+  size_t most = forks.size();
+  size_t done = 0;
+  while (done < forks.size()) {
+    size_t next = done;
+    while (next < done + least || (next < std::min(done + most, forks.size()) &&
+                                   _volume.heldWrites().byteCount() < kHeldBytesLimit)) {
+      TRY(_updateFork(forks[next++]));
+      _volume.yieldGate();
     }
-    _volume.yieldGate();
+    const HFSPlusBlockRanges pending = _destinations(std::span(forks).subspan(next));
+    if (TRY(_volume.flush(pending)) == HFSPlusVolume::FlushOutcome::Flushed) {
+      _report(std::span(forks).subspan(done, next - done), countProgress);
+      done = next;
+      least = 1;
+      continue;
+    }
+    TRY(_volume.discardChanges());
+    if (next - done == least) {
+      break;
+    }
+    most = std::max(least, (next - done) / 2);
   }
-  return _flush(std::span(groups).subspan(flushed), countProgress);
+  return _leadingEntries(std::span(forks).subspan(done));
 }
 
-Result<> HFSPlusCopyList::_updateFork(const Group& group) {
+Result<> HFSPlusCopyList::_updateFork(const HFSPlusCopyGroup& group) {
   const auto fork = TRY(HFSPlusForkExtents::open(_volume, group.cnid, group.forkType));
   for (const uint32_t i : group.entries) {
     const HFSPlusCopyEntry& entry = _entries[i];
     TRY(fork->move(entry.source(), entry.nustart, entry.count));
   }
 
-  HFSPlusExtentMap& map = _stretch.map();
-  for (const HFSPlusExtentDescriptor& extent : fork->copyExtentDescriptors(0)) {
-    TRY(map.deleteBlocks(extent.startBlock, extent.blockCount));
-  }
+  TRY(_forgetInMap(*fork));
   TRY(fork->update());
-  const HFSPlusExtentInfo info = _entries[group.entries.back()].entry.info;
-  for (const HFSPlusExtentDescriptor& extent : fork->copyExtentDescriptors(0)) {
-    TRY(map.insert(extent.startBlock, extent.blockCount, group.cnid, info));
+  return _enterInMap(*fork, _entries[group.entries.back()].entry);
+}
+
+Result<> HFSPlusCopyList::_forgetInMap(const HFSPlusForkExtents& fork) {
+  HFSPlusExtentMap& map = _stretch.map();
+  for (const HFSPlusExtentDescriptor& extent : fork.copyExtentDescriptors(map.startBlock())) {
+    TRY(map.deleteBlocks(extent.startBlock, extent.blockCount));
   }
   return {};
 }
 
-/// Makes the moves of these forks last, and only then tells of them, in the order of the list.
-Result<> HFSPlusCopyList::_flush(std::span<const Group> groups, bool countProgress) {
-  if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
-    return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
+Result<> HFSPlusCopyList::_enterInMap(const HFSPlusForkExtents& fork,
+                                      const HFSPlusExtentMapEntry& owner) {
+  HFSPlusExtentMap& map = _stretch.map();
+  if (map.blockCount() == 0) {
+    return {};  // the batch has settled the last of this stretch
   }
+  for (const HFSPlusExtentDescriptor& extent : fork.copyExtentDescriptors(map.startBlock())) {
+    // It is there already when the fork is pointed to its place for the second time.
+    TRY(map.deleteBlocks(extent.startBlock, extent.blockCount));
+    TRY(map.insert(extent.startBlock, extent.blockCount, owner.cnid, owner.info));
+  }
+  return {};
+}
+
+/// Tells of the moves of these forks, which now last, in the order of the list.
+void HFSPlusCopyList::_report(std::span<const HFSPlusCopyGroup> groups, bool countProgress) {
   std::vector<uint32_t> done;
-  for (const Group& group : groups) {
+  for (const HFSPlusCopyGroup& group : groups) {
     done.insert(done.end(), group.entries.begin(), group.entries.end());
   }
   std::ranges::sort(done);
@@ -170,5 +204,23 @@ Result<> HFSPlusCopyList::_flush(std::span<const Group> groups, bool countProgre
     const HFSPlusCopyEntry& entry = _entries[i];
     _progress.moved(entry.source(), entry.nustart, entry.count, countProgress);
   }
-  return {};
+}
+
+HFSPlusBlockRanges HFSPlusCopyList::_destinations(std::span<const HFSPlusCopyGroup> groups) const {
+  HFSPlusBlockRanges blocks;
+  for (const HFSPlusCopyGroup& group : groups) {
+    for (const uint32_t i : group.entries) {
+      blocks.add(_entries[i].nustart, _entries[i].count);
+    }
+  }
+  return blocks;
+}
+
+/// Entries before the first one of these forks.
+uint32_t HFSPlusCopyList::_leadingEntries(std::span<const HFSPlusCopyGroup> undone) const {
+  auto leading = static_cast<uint32_t>(_entries.size());
+  for (const HFSPlusCopyGroup& group : undone) {
+    leading = std::min(leading, group.entries.front());
+  }
+  return leading;
 }

@@ -5,12 +5,14 @@
 #include <span>
 #include <vector>
 
+#include "HFSPlus/HFSPlusBlockRanges.hpp"
 #include "HFSPlus/HFSPlusExtentMap.hpp"
 #include "XRDefragError.hpp"
 
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
 class HFSPlusDefragStretch;
+class HFSPlusForkExtents;
 class HFSPlusVolume;
 
 /// One pending move. The source blocks are `entry.start` + `offset` and up, the destination blocks
@@ -22,6 +24,13 @@ struct HFSPlusCopyEntry {
   uint32_t nustart;
 
   uint32_t source() const { return entry.start + offset; }
+};
+
+/// All entries of one fork, by their places in the list.
+struct HFSPlusCopyGroup {
+  uint32_t cnid;
+  uint8_t forkType;
+  std::vector<uint32_t> entries;
 };
 
 /// A batch of block moves, and how it is carried out.
@@ -38,9 +47,11 @@ struct HFSPlusCopyEntry {
 ///   4. After each fork the metadata in memory is that of a sound volume, in which forks are either
 ///      moved altogether or not at all. It may be flushed there, and others may look at it.
 ///   5. A metadata phase that fails is forgotten back to the last flush, as if what came after it
-///      had never been tried.
+///      had never been tried. The same when a flush finds no room to write down what it is about to
+///      do; then fewer forks are flushed at a time.
 /// The pieces of the volume's own files are read and written as they lie on disk; changes that
-/// wait for the flush are kept by file and offset, and so find the new place by themselves.
+/// wait for the flush are kept by file and offset, and so find the new place by themselves. Nothing
+/// is flushed between the reading of such a piece and the flush that points its file to the copy.
 class HFSPlusCopyList {
  public:
   /// Everything handed over must outlive the list. `cancelled` is asked between transfers.
@@ -53,17 +64,22 @@ class HFSPlusCopyList {
                        uint32_t nustart);
 
   /// Carries the list out, yielding the gate between transfers and between forks; the entries stay
-  /// listed. `countProgress` if its moves are among those that the run expects.
-  [[nodiscard]] Result<> performCopyList(bool countProgress);
+  /// listed. `countProgress` if its moves are among those that the run expects. The number of
+  /// entries, from the first on, that have been carried out: fewer than all when some forks cannot
+  /// be flushed for want of free space. The map does not know then what became of the others.
+  [[nodiscard]] Result<uint32_t> performCopyList(bool countProgress);
 
   /// Forgets all entries.
   void disposeCopyList() { _entries.clear(); }
 
-  bool empty() const { return _entries.empty(); }
   const std::vector<HFSPlusCopyEntry>& entries() const { return _entries; }
 
+  /// The entries by fork: the volume's own files, then the others, each in the order in which they
+  /// first appear.
+  std::vector<HFSPlusCopyGroup> groups() const;
+
   /// Bytes of changed metadata that a batch may hold back before it flushes between two forks.
-  static constexpr uint64_t kHeldBytesLimit = 16 << 20;
+  static constexpr uint64_t kHeldBytesLimit = 8 << 20;
 
  private:
   /// Blocks that are contiguous on the volume and in the buffer.
@@ -72,22 +88,19 @@ class HFSPlusCopyList {
     uint32_t count;
     uint32_t bufferBlock;
   };
-  /// All entries of one fork, by their places in the list.
-  struct Group {
-    uint32_t cnid;
-    uint8_t forkType;
-    std::vector<uint32_t> entries;
-  };
 
   template <typename Block>
   std::vector<Transfer> _transfersOf(Block&& blockOf) const;
   Result<> _checkFit() const;
   Result<> _readSources();
   Result<> _writeDestinations();
-  std::vector<Group> _groups() const;
-  Result<> _updateForks(bool countProgress);
-  Result<> _updateFork(const Group& group);
-  Result<> _flush(std::span<const Group> groups, bool countProgress);
+  Result<uint32_t> _updateForks(bool countProgress);
+  Result<> _updateFork(const HFSPlusCopyGroup& group);
+  Result<> _forgetInMap(const HFSPlusForkExtents& fork);
+  Result<> _enterInMap(const HFSPlusForkExtents& fork, const HFSPlusExtentMapEntry& owner);
+  void _report(std::span<const HFSPlusCopyGroup> groups, bool countProgress);
+  HFSPlusBlockRanges _destinations(std::span<const HFSPlusCopyGroup> groups) const;
+  uint32_t _leadingEntries(std::span<const HFSPlusCopyGroup> undone) const;
   Result<> _mayGoOn();
 
   HFSPlusVolume& _volume;

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 
+#include "HFSPlus/HFSPlusAllocation.hpp"
+#include "HFSPlus/HFSPlusCatalog.hpp"
+#include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "Tasks/HFSPlusCopyList.hpp"
+#include "Tasks/HFSPlusCopyRehearsal.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
 uint32_t HFSPlusCopyZone::countFreeBlocks(uint32_t zoneBlocks) const {
@@ -47,7 +51,17 @@ auto HFSPlusCopyZone::_measure(uint32_t zoneBlocks) const -> Result<Measure> {
   return measure;
 }
 
-auto HFSPlusCopyZone::evict(uint32_t zoneBlocks) -> Result<Eviction> {
+uint32_t HFSPlusCopyZone::recordBlocks() const {
+  constexpr uint64_t kNodes = 4;  // of each tree
+  constexpr uint64_t kFrame = 4096;
+  const HFSPlusAllocation& bitmap = _volume.allocation();
+  const uint64_t bytes = kFrame + 2 * std::min<uint64_t>(bitmap.chunkSize(), bitmap.logicalSize()) +
+                         kNodes * (_volume.catalog().nodeSize() + _volume.extents().nodeSize());
+  const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
+  return static_cast<uint32_t>((bytes + blockSize - 1) / blockSize);
+}
+
+auto HFSPlusCopyZone::evict(uint32_t zoneBlocks, Room room) -> Result<Eviction> {
   const Measure zone = TRY(_measure(zoneBlocks));
   if (zone.end >= _volume.hostVolumeHeader().totalBlocks) {
     return Eviction::TooLittleSpace;
@@ -61,23 +75,34 @@ auto HFSPlusCopyZone::evict(uint32_t zoneBlocks) -> Result<Eviction> {
   }
 
   for (const Order order : {Order::ByBlock, Order::ExtentsFileFirst}) {
-    if (!TRY(_planEviction(zone, zoneBlocks, order))) {
+    if (!TRY(_planEviction(zone, zoneBlocks, room, order))) {
       return Eviction::TooLittleSpace;
     }
     if (TRY(_extentsFileStaysWhole())) {
-      TRY(_copyList.performCopyList(false));
+      HFSPlusCopyRehearsal rehearsal(_volume);
+      // The smallest zone is tried in earnest: when it fails, its error is the run's.
+      if (zoneBlocks > 1 && !TRY(rehearsal.succeeds(_copyList.entries(), _copyList.groups()))) {
+        _copyList.disposeCopyList();
+        return Eviction::TooManyPieces;
+      }
+      const size_t moved = TRY(_copyList.performCopyList(false));
+      const bool complete = moved == _copyList.entries().size();
       _copyList.disposeCopyList();
-      return Eviction::Done;
+      return complete ? Eviction::Done : Eviction::CannotBeFlushed;
     }
     _copyList.disposeCopyList();
   }
-  return Eviction::ExtentsFileInTheWay;
+  return Eviction::TooManyPieces;
 }
 
 /// Lists the moves; false if there is too little free space beyond the zone.
-Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBlocks, Order order) {
+Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBlocks, Room room,
+                                            Order order) {
   const auto freeMap = TRY(HFSPlusFreeMap::open(
       _volume, _volume.allocation(), static_cast<uint32_t>(zone.end), zoneBlocks, zoneBlocks));
+  if (room == Room::LeaveForRecord) {
+    TRY(_setAside(*freeMap, recordBlocks()));
+  }
   if (freeMap->blockCount() < zoneBlocks) {
     return false;
   }
@@ -88,6 +113,23 @@ Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBl
     TRY(_appendEvictions(*freeMap, zoneBlocks, Whose::AllOthers));
   }
   return true;
+}
+
+/// Takes blocks in one piece off the free map, as high on the volume as there are.
+Result<> HFSPlusCopyZone::_setAside(HFSPlusFreeMap& freeMap, uint32_t blocks) const {
+  const HFSPlusFreeMapEntry* highest = nullptr;
+  for (const HFSPlusFreeMapEntry* entry = freeMap.firstEntry();
+       entry != nullptr && entry->count >= blocks; entry = freeMap.nextEntry(entry)) {
+    if (highest == nullptr || entry->start > highest->start) {
+      highest = entry;
+    }
+  }
+  if (highest == nullptr) {
+    return {};
+  }
+  const HFSPlusFreeMapEntry rest{highest->start, highest->count - blocks};
+  freeMap.deleteEntry(highest);
+  return rest.count > 0 ? freeMap.insert(rest.start, rest.count) : Result<>();
 }
 
 Result<> HFSPlusCopyZone::_appendEvictions(HFSPlusFreeMap& freeMap, uint32_t zoneBlocks,

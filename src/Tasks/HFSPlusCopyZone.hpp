@@ -15,8 +15,9 @@ class HFSPlusCopyZone {
  public:
   enum class Eviction {
     Done,
-    TooLittleSpace,      // not enough free blocks beyond the zone; nothing has changed
-    ExtentsFileInTheWay  // it would fall into more pieces than it can; nothing has changed
+    TooLittleSpace,   // not enough free blocks beyond the zone; nothing has changed
+    CannotBeFlushed,  // for want of free space; the map does not know what has been moved
+    TooManyPieces     // for the overflow file to hold, or for itself to be in; nothing has changed
   };
 
   /// All three must outlive the zone.
@@ -26,9 +27,16 @@ class HFSPlusCopyZone {
   /// Free blocks of a zone of so many blocks before its first allocated one.
   uint32_t countFreeBlocks(uint32_t zoneBlocks) const;
 
+  /// Whether the largest free extents may be used up, or one is to be left for the records that
+  /// flushes are written down in.
+  enum class Room { UseAll, LeaveForRecord };
+
   /// Moves what stands in the zone to the largest free extents beyond it. Fails with an internal
   /// error for a zone larger than the map, and with the errors of the free map and the copy list.
-  [[nodiscard]] Result<Eviction> evict(uint32_t zoneBlocks);
+  [[nodiscard]] Result<Eviction> evict(uint32_t zoneBlocks, Room room);
+
+  /// Blocks that the record of a small flush may take, in one piece.
+  uint32_t recordBlocks() const;
 
  private:
   struct Measure {
@@ -39,7 +47,8 @@ class HFSPlusCopyZone {
   enum class Whose { Everybodys, ExtentsFiles, AllOthers };
 
   Result<Measure> _measure(uint32_t zoneBlocks) const;
-  Result<bool> _planEviction(const Measure& zone, uint32_t zoneBlocks, Order order);
+  Result<bool> _planEviction(const Measure& zone, uint32_t zoneBlocks, Room room, Order order);
+  Result<> _setAside(HFSPlusFreeMap& freeMap, uint32_t blocks) const;
   Result<> _appendEvictions(HFSPlusFreeMap& freeMap, uint32_t zoneBlocks, Whose whose);
   Result<bool> _extentsFileStaysWhole() const;
 

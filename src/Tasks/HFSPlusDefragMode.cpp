@@ -155,12 +155,22 @@ Result<> HFSPlusDefragMode::putSourceEntry(const HFSPlusSourceEntry& taken) {
 void HFSPlusDefragMode::updateSource() {
   _freeExtents();
   _clearEntry();
+  _state.finished.clear();
   _state.searchBlock = 0;
 }
 
-void HFSPlusDefragMode::forgetFile(uint32_t fileID) {
+void HFSPlusDefragMode::startOver(const HFSPlusFileFork& fork) {
+  _restoreProfileMembers();
   updateSource();
+  // A profile begins with its first member, which may be one that has nothing to be moved.
+  const bool isChosenByProfile = _profileFileForks.has_value();
+  _state.fileID = isChosenByProfile ? 0 : fork.fileID;
+  _state.forkType = fork.forkType;
+}
+
+void HFSPlusDefragMode::forgetFile(uint32_t fileID) {
   if (_state.fileID == fileID) {
+    updateSource();
     _state.fileID = 0;
   }
 }
@@ -176,10 +186,27 @@ Result<> HFSPlusDefragMode::_checkProfileMember() const {
 }
 
 void HFSPlusDefragMode::_removeProfileMember() {
+  _state.finished.push_back(_profileFileForks->fileForkAtIndex(0));
   _profileFileForks->removeFileForkAtIndex(0);
   if (_profileFileForks->empty()) {
     _profileFileForks.reset();
   }
+}
+
+/// Puts the members that have left the profile in this batch back to its front.
+void HFSPlusDefragMode::_restoreProfileMembers() {
+  if (_state.finished.empty()) {
+    return;
+  }
+  HFSPlusFileForkSet profile;
+  for (const HFSPlusFileFork& member : _state.finished) {
+    profile.add(member.fileID, member.forkType);
+  }
+  for (size_t i = 0; _profileFileForks && i < _profileFileForks->count(); ++i) {
+    const HFSPlusFileFork member = _profileFileForks->fileForkAtIndex(i);
+    profile.add(member.fileID, member.forkType);
+  }
+  _profileFileForks = std::move(profile);
 }
 
 void HFSPlusDefragMode::_clearEntry() {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "HFSPlus/HFSPlusFileForkSet.hpp"
 #include "HFSPlus/HFSPlusForkExtents.hpp"
@@ -29,6 +30,7 @@ class HFSPlusDefragMode final : public HFSPlusSourceMode {
   [[nodiscard]] Result<std::optional<HFSPlusSourceEntry>> getSourceEntry() override;
   [[nodiscard]] Result<> putSourceEntry(const HFSPlusSourceEntry& taken) override;
   void updateSource() override;
+  void startOver(const HFSPlusFileFork& fork) override;
   void forgetFile(uint32_t fileID) override;
 
  private:
@@ -40,8 +42,9 @@ class HFSPlusDefragMode final : public HFSPlusSourceMode {
     size_t firstExtent = 0;                                  // those before it are done
     uint32_t startBlock = 0;                                 // extent now being moved
     uint32_t blockCount = 0;
-    HFSPlusSourceEntry entry{};  // pending source; start 0: none
-    uint32_t searchBlock = 0;    // no allocated run lies below it in this batch
+    HFSPlusSourceEntry entry{};             // pending source; start 0: none
+    std::vector<HFSPlusFileFork> finished;  // profile members that left it in this batch
+    uint32_t searchBlock = 0;               // no allocated run lies below it in this batch
   };
 
   enum class Choice { Fork, Nothing };
@@ -53,6 +56,7 @@ class HFSPlusDefragMode final : public HFSPlusSourceMode {
   Result<bool> _loadExtents();
   Result<> _checkProfileMember() const;
   void _removeProfileMember();
+  void _restoreProfileMembers();
   void _clearEntry();
   void _freeExtents();
   size_t _remainingExtents() const;

@@ -3,6 +3,7 @@
 #include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
+#include "Tasks/HFSPlusBlockMarking.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
 Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool compact) {
@@ -28,14 +29,17 @@ Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool com
 /// Builds every stretch once, so that blocks of two owners are found, and blocks that are owned but
 /// not marked so are marked, before the first of them could be written on.
 Result<> HFSPlusDefragPreparation::_checkVolume() {
+  TRY(HFSPlusMarkUnlistedForks(_volume));
   TRY(_stretch.build(0));
-  if (_stretch.reachesVolumeEnd()) {
-    return {};
-  }
+  const bool needsMoreStretches = !_stretch.reachesVolumeEnd();
   while (!_stretch.reachesVolumeEnd()) {
     TRY(_stretch.build(_stretch.nextStartBlock()));
   }
-  return _stretch.build(0);
+  // What has been marked must last, even if the first batch has to be forgotten.
+  if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
+    return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
+  }
+  return needsMoreStretches ? _stretch.build(0) : Result<>();
 }
 
 /// A profile can name forks that must stay where they are; they have no place in its order.

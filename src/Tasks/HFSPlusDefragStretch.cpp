@@ -12,6 +12,7 @@
 #include "HFSPlus/HFSPlusForkWalk.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
+#include "Tasks/HFSPlusBlockMarking.hpp"
 
 namespace {
 
@@ -192,29 +193,9 @@ Result<> HFSPlusDefragStretch::_crossCheck() {
     if (run->entry->info.type == kHFSPlusExtentUnalloced) {
       TRY(_keepSetBlocks(start, count));
     } else {
-      TRY(_setClearBlocks(start, count));
+      TRY(HFSPlusMarkOwnedBlocks(_volume, start, count));
     }
     block = start + count;
-  }
-  return {};
-}
-
-Result<> HFSPlusDefragStretch::_setClearBlocks(uint32_t start, uint32_t count) {
-  HFSPlusAllocation& allocation = _volume.allocation();
-  while (count > 0) {
-    const uint32_t set = TRY(allocation.isSet(start, count));
-    start += set;
-    count -= set;
-    const uint32_t clear = count > 0 ? TRY(allocation.isClear(start, count)) : 0;
-    if (clear > 0) {
-      TRY(allocation.set(start, clear));
-      LWDebugLog(LWDebugLevel::Warning,
-                 "Allocation bitmap block = %08X with count = %u was not set (and should have "
-                 "been), marking range allocated.\n",
-                 start, clear);
-    }
-    start += clear;
-    count -= clear;
   }
   return {};
 }

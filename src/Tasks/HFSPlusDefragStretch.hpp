@@ -68,7 +68,6 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   Result<uint32_t> _fileIDForPath(const char* path);
 
   Result<> _crossCheck();
-  Result<> _setClearBlocks(uint32_t start, uint32_t count);
   Result<> _keepSetBlocks(uint32_t start, uint32_t count);
 
   HFSPlusVolume& _volume;

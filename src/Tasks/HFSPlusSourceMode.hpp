@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "HFSPlus/HFSPlusFileForkSet.hpp"
 #include "XRDefragError.hpp"
 
 /// A piece of a fork that is to be moved to the front of the extent map.
@@ -32,7 +33,10 @@ class HFSPlusSourceMode {
   /// A batch has been carried out.
   virtual void updateSource() = 0;
 
-  /// A file that was movable is not any more, and what has been got and put since the last
-  /// updateSource() is not going to happen.
+  /// What has been got and put since the last updateSource() is not going to happen after all; the
+  /// batch is planned anew, and begins with this fork as it did before.
+  virtual void startOver(const HFSPlusFileFork& fork) = 0;
+
+  /// A file that was movable is not any more.
   virtual void forgetFile(uint32_t fileID) = 0;
 };
