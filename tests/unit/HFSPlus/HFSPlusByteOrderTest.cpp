@@ -85,11 +85,7 @@ TEST(HFSPlusByteOrder, ABTreeHeaderKeepsItsReservedFields) {
   EXPECT_TRUE(isAsOnDisk(uint16_t{header.reserved1}, 30));
   EXPECT_EQ(header.btreeType, 36);
   EXPECT_EQ(header.keyCompareType, 37);
-  // In memory as on disk that array has an odd place, which no reference may be bound to.
-  const auto image = std::bit_cast<std::array<std::byte, sizeof header>>(header);
-  for (size_t i = offsetof(BTHeaderRec, reserved3); i < image.size(); ++i) {
-    EXPECT_EQ(image[i], static_cast<std::byte>(i));
-  }
+  EXPECT_TRUE(isAsOnDisk(std::array<uint32_t, 16>(header.reserved3), 42));
 }
 
 TEST(HFSPlusByteOrder, AFileRecordKeepsWhatOthersOwn) {

@@ -1,0 +1,217 @@
+#include "unit/Tasks/RewritingRun.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <charconv>
+#include <set>
+#include <sstream>
+
+#include "LWKit/LWStringUtilities.hpp"
+#include "Tasks/HFSPlusDefragTask.hpp"
+
+namespace {
+
+using volumecheck::Extent;
+using volumecheck::Finding;
+using volumecheck::Fork;
+using volumecheck::ForkType;
+using volumecheck::VolumeTruth;
+
+volumecheck::CheckResult check(const std::vector<std::byte>& image) {
+  volumecheck::CheckOptions options;
+  options.alternate = volumecheck::AlternateRule::MayLag;
+  return volumecheck::checkVolumeBytes(
+      {reinterpret_cast<const uint8_t*>(image.data()), image.size()}, options);
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+bool isMovable(const Fork& fork, RewritingRun::ExtentsFile extentsFile) {
+  if (fork.cnid == volumecheck::kExtentsFileID) {
+    return extentsFile == RewritingRun::ExtentsFile::Moves;
+  }
+  return fork.type != ForkType::Attribute && fork.cnid != volumecheck::kBadBlockFileID &&
+         fork.cnid != volumecheck::kStartupFileID && fork.path != "/.journal" &&
+         fork.path != "/.journal_info_block";
+}
+
+std::vector<bool> immovableBlocks(const VolumeTruth& truth, RewritingRun::ExtentsFile extentsFile) {
+  std::vector<bool> immovable(truth.header.totalBlocks, true);
+  const auto clear = [&](const Extent& extent) {
+    for (uint32_t i = 0; i < extent.blockCount; ++i) {
+      immovable.at(extent.startBlock + i) = false;
+    }
+  };
+  std::ranges::for_each(truth.freeRuns, clear);
+  for (const Fork& fork : truth.forks) {
+    if (isMovable(fork, extentsFile)) {
+      std::ranges::for_each(fork.extents, clear);
+    }
+  }
+  return immovable;
+}
+
+std::string describe(const Fork& fork) {
+  std::ostringstream text;
+  text << fork.path << (fork.type == ForkType::Resource ? " (resource fork)" : "") << ":";
+  for (const Extent& extent : fork.extents) {
+    text << " " << extent.startBlock << "+" << extent.blockCount;
+  }
+  return text.str();
+}
+
+}  // namespace
+
+RewritingRun::RewritingRun(const support::VolumeDescription& description)
+    : RewritingRun(support::buildVolume(description)) {}
+
+RewritingRun::RewritingRun(support::BuiltVolume built)
+    : _built(std::move(built)), _before(check(_built.image)) {
+  _device = std::make_shared<doubles::MemoryDevice>(_built.image);
+  _built.image = {};
+  openThrough([](std::shared_ptr<PlatformDevice> device) { return device; });
+}
+
+void RewritingRun::openThrough(const Wrap& wrap) {
+  const XRDefragVolume device("/nowhere/volume", wrap(_device), false, true);
+  auto opened = HFSPlusVolume::open(device);
+  ASSERT_TRUE(opened) << opened.error().description();
+  _volume = std::move(*opened);
+}
+
+std::vector<std::string> RewritingRun::run(std::string_view line) {
+  return run(line, Limits());
+}
+
+std::vector<std::string> RewritingRun::run(std::string_view line, const Limits& limits) {
+  const std::vector<std::string> words = LWTrimmedComponents(line);
+  const auto task = std::make_shared<HFSPlusDefragTask>(*_volume, words.front() == "COMPACT");
+  task->setArguments(words);
+  if (limits.copyBufferBlocks != 0) {
+    task->limitResources(limits.copyBufferBlocks * _volume->hostVolumeHeader().blockSize,
+                         limits.mapCapacity);
+  }
+  testing::internal::CaptureStdout();
+  const auto started = task->start();
+  if (started) {
+    task->join();
+  }
+  const std::string output = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(started);
+  return splitLines(output);
+}
+
+auto RewritingRun::movesIn(const std::vector<std::string>& lines) -> std::vector<Move> {
+  std::vector<Move> moves;
+  for (const std::string& line : lines) {
+    unsigned from = 0;
+    unsigned to = 0;
+    unsigned count = 0;
+    unsigned allocated = 0;
+    int percent = 0;
+    if (std::sscanf(line.c_str(), "%*[^,],PROGRESS,%d,%u,%u,%u,%u", &percent, &from, &to, &count,
+                    &allocated) == 5) {
+      moves.push_back({percent, from, to, count, allocated});
+    }
+  }
+  return moves;
+}
+
+uint64_t RewritingRun::blocksMovedIn(const std::vector<std::string>& lines) {
+  uint64_t blocks = 0;
+  for (const Move& move : movesIn(lines)) {
+    blocks += move.count;
+  }
+  return blocks;
+}
+
+std::string RewritingRun::errorIn(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    const size_t field = line.find(",ERROR,");
+    if (field != std::string::npos) {
+      return line.substr(field + 7);
+    }
+  }
+  return {};
+}
+
+VolumeTruth RewritingRun::truth() {
+  return check(_device->image()).truth;
+}
+
+std::string RewritingRun::faults() {
+  const volumecheck::CheckResult after = check(_device->image());
+  if (!after.readable) {
+    return "The volume cannot be read any more.\n" + after.report();
+  }
+  std::multiset<std::string> known;
+  for (const Finding& finding : _before.findings) {
+    known.insert(finding.sentence);
+  }
+  std::string faults;
+  for (const Finding& finding : after.findings) {
+    const auto old = known.find(finding.sentence);
+    if (old == known.end()) {
+      faults += std::string(volumecheck::nameOf(finding.kind)) + ": " + finding.sentence + "\n";
+    } else {
+      known.erase(old);
+    }
+  }
+  for (const std::string& difference : compareVolumes(_before.truth, after.truth)) {
+    faults += difference + "\n";
+  }
+  return faults;
+}
+
+std::string RewritingRun::scatteredForks(ExtentsFile extentsFile) {
+  const VolumeTruth after = truth();
+  const std::vector<bool> immovable = immovableBlocks(after, extentsFile);
+  const uint32_t firstDataBlock = _volume->firstDataBlock();
+  std::string lines;
+  for (const Fork& fork : after.forks) {
+    if (!isMovable(fork, extentsFile)) {
+      continue;
+    }
+    uint32_t end = 0;  // of the extent before
+    for (const Extent& extent : fork.extents) {
+      if (extent.startBlock < firstDataBlock) {
+        continue;
+      }
+      const bool followsOn =
+          end == 0 || (end <= extent.startBlock &&
+                       std::all_of(immovable.begin() + end, immovable.begin() + extent.startBlock,
+                                   [](bool isImmovable) { return isImmovable; }));
+      if (!followsOn) {
+        lines += describe(fork) + "\n";
+        break;
+      }
+      end = extent.startBlock + extent.blockCount;
+    }
+  }
+  return lines;
+}
+
+std::string RewritingRun::dataAboveFreeSpace(ExtentsFile extentsFile) {
+  const VolumeTruth after = truth();
+  const uint32_t firstDataBlock = _volume->firstDataBlock();
+  const auto firstFree = std::ranges::find_if(
+      after.freeRuns, [&](const Extent& run) { return run.startBlock >= firstDataBlock; });
+  std::string lines;
+  for (const Fork& fork : after.forks) {
+    const auto above = [&](const Extent& extent) {
+      return firstFree != after.freeRuns.end() && extent.startBlock > firstFree->startBlock;
+    };
+    if (isMovable(fork, extentsFile) && std::ranges::any_of(fork.extents, above)) {
+      lines += describe(fork) + "\n";
+    }
+  }
+  return lines;
+}
