@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <stdexcept>
 #include <system_error>
 
 namespace {
@@ -127,8 +126,13 @@ void ProgramRunner::start(const ProgramSetup& setup) {
     } else {
       ::close(STDIN_FILENO);
     }
-    ::dup2(outputPipe.writeEnd, STDOUT_FILENO);
-    ::dup2(_diagnostics, STDERR_FILENO);
+    if (setup.outputClosed) {
+      ::close(STDOUT_FILENO);
+      ::close(STDERR_FILENO);
+    } else {
+      ::dup2(outputPipe.writeEnd, STDOUT_FILENO);
+      ::dup2(_diagnostics, STDERR_FILENO);
+    }
     if (setup.user == ProgramSetup::User::Nobody) {
       becomeNobody();
     }

@@ -22,6 +22,7 @@ struct ProgramSetup {
   std::string inputFile = {};  // for Input::File
   User user = User::Same;
   std::map<std::string, std::string> environment = {};  // added to the tests' own
+  bool outputClosed = false;  // the program starts without standard output and error
   std::string program = XRDEFRAG_PROGRAM;
 };
 
