@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "support/FolderDescription.hpp"
+#include "support/PlacementHints.hpp"
 
 namespace support {
 
@@ -41,24 +42,6 @@ struct LayoutDescription {
   double gapShare = 0.3;
   /// Into how many gaps that share is cut; 0: one for every four pieces.
   uint32_t gaps = 0;
-};
-
-/// A fork that the hot files tree names, with its heat.
-struct HotFile {
-  uint32_t fileID = 0;
-  uint8_t forkType = kDataFork;
-  uint32_t temperature = 1;
-};
-
-/// One entry of the boot playlist: a run of bytes of the volume, or the place of one of a fork's
-/// extents when `fileID` is not 0.
-struct PlaylistEntry {
-  uint32_t fileID = 0;
-  uint8_t forkType = kDataFork;
-  uint32_t extentIndex = 0;
-  uint64_t offset = 0;
-  uint64_t length = 0;
-  uint32_t batch = 0;
 };
 
 /// How the bad-blocks file is kept: as records of the overflow file from its first block on, or

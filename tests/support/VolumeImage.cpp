@@ -21,7 +21,8 @@ bool allZero(std::span<const std::byte> bytes) {
 
 }  // namespace
 
-VolumeImage::VolumeImage(const std::filesystem::path& path, uint64_t size) : _size(size) {
+VolumeImage::VolumeImage(const std::filesystem::path& path, uint64_t size)
+    : _path(path), _size(size) {
   _file = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (_file < 0)
     fail("cannot create " + path.string());
@@ -59,9 +60,13 @@ void VolumeImage::write(uint64_t offset, std::span<const std::byte> bytes) {
 
 std::string VolumeImage::close() {
   flush();
-  if (_file >= 0 && ::close(_file) != 0)
+  const bool isFile = _file >= 0;
+  if (isFile && ::close(_file) != 0)
     fail("cannot close the image");
   _file = -1;
+  std::error_code ignored;
+  if (isFile && !_failure.empty() && std::filesystem::is_regular_file(_path, ignored))
+    std::filesystem::remove(_path, ignored);
   return _failure;
 }
 

@@ -25,7 +25,8 @@ class VolumeImage {
   /// Writes at a byte offset of the image. Bytes outside the image are a failure.
   void write(uint64_t offset, std::span<const std::byte> bytes);
 
-  /// Writes what is gathered. Empty when everything was written, otherwise the reason.
+  /// Writes what is gathered. Empty when everything was written, otherwise the reason; a file that
+  /// could not be written in full is then removed, so that it takes no room and passes for nothing.
   [[nodiscard]] std::string close();
 
   /// The bytes of an image in memory; to be taken after close().
@@ -37,6 +38,7 @@ class VolumeImage {
   void fail(const std::string& what);
 
   int _file = -1;
+  std::filesystem::path _path;
   uint64_t _size;
   Bytes _memory;
   Bytes _pending;

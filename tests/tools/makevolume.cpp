@@ -314,8 +314,19 @@ void listForks(const BuiltVolume& volume) {
 
 }  // namespace
 
+// Sparse images are easily asked for by mistake with hundreds of gibibytes of stamped files.
+void refuseTooMuchData(const Request& request) {
+  constexpr uint64_t kMostWritten = uint64_t{16} << 30;
+  const PlainVolume& plain = request.plain;
+  const uint64_t filled = request.size.value_or(0) / 100 * request.fill.value_or(plain.fillPercent);
+  const uint64_t data = plain.fileSize != 0 ? plain.fileSize * plain.files : filled;
+  if (request.preset.empty() && !plain.unwritten && data > kMostWritten)
+    misuse("this would write more than 16 GiB of data; --unwritten leaves it out");
+}
+
 int main(int argc, char** argv) {
   const Request request = requestFrom(argc, argv);
+  refuseTooMuchData(request);
   const auto built = tryBuildVolume(describedBy(request), std::filesystem::path(request.file));
   if (!built) {
     std::fprintf(stderr, "makevolume: %s\n", built.error().c_str());
