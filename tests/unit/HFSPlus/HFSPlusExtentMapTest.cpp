@@ -394,16 +394,6 @@ TEST(HFSPlusExtentMap, AFullMapGivesUpItsHighestBlocksAndStaysInItsMemory) {
   map.validate(false);
 }
 
-TEST(HFSPlusExtentMap, DumpingAsksForTheNamesOfOwnersOnly) {
-  auto volume = volumeOf(100);
-  HFSPlusExtentMap map(volume, 0);
-  ASSERT_TRUE(map.insert(10, 10, 20, kData));
-  map.dump([](uint32_t cnid) -> std::optional<std::string> {
-    EXPECT_EQ(cnid, 20U);
-    return std::nullopt;
-  });
-}
-
 TEST(HFSPlusExtentMap, BehavesLikeAnArrayOfOwners) {
   for (uint32_t seed = 1; seed <= 60; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));

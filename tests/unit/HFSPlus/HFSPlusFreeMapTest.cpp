@@ -105,7 +105,6 @@ TEST(HFSPlusFreeMap, AFullVolumeGivesAnEmptyMap) {
   auto map = bitmap.open(0, 1, 0).value();
   EXPECT_EQ(map->firstEntry(), nullptr);
   EXPECT_EQ(map->nextEntry(nullptr), nullptr);
-  map->dump();
 }
 
 TEST(HFSPlusFreeMap, TheBitmapsErrorEndsTheScan) {
