@@ -248,7 +248,9 @@ TEST(LWToolApplicationDeathTest, CompletingAnEventThatIsNotCurrentStopsTheProces
           event->complete();
         };
         int ends[2];
-        static_cast<void>(::pipe2(ends, O_CLOEXEC));
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+          return;
+        }
         TestApplication other(ends[0]);
         other.onString = application.onString;
         static_cast<void>(!::write(ends[1], "a\n", 2));

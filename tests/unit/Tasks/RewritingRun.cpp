@@ -148,7 +148,11 @@ VolumeTruth RewritingRun::truth() {
 }
 
 std::string RewritingRun::faults() {
-  const volumecheck::CheckResult after = check(_device->image());
+  return faultsIn(_device->image());
+}
+
+std::string RewritingRun::faultsIn(const std::vector<std::byte>& image) const {
+  const volumecheck::CheckResult after = check(image);
   if (!after.readable) {
     return "The volume cannot be read any more.\n" + after.report();
   }

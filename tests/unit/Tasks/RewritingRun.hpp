@@ -50,6 +50,8 @@ class RewritingRun {
   /// What is wrong with the volume on the device: findings that it did not have when it was built,
   /// forks whose bytes differ, records that changed otherwise than by extents. Empty if nothing is.
   std::string faults();
+  /// The same for the bytes of a device.
+  std::string faultsIn(const std::vector<std::byte>& image) const;
   /// The volume on the device as the checker reads it.
   volumecheck::VolumeTruth truth();
   const volumecheck::VolumeTruth& truthBefore() const { return _before.truth; }

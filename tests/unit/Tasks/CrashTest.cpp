@@ -1,0 +1,249 @@
+// Runs are recorded as their writes and syncs, and cut off wherever they can be: what is on the
+// device then must open as a volume on which nothing is lost, and on which the run can be made
+// again. XRDEFRAG_CRASH_STATES=n asks for n states (2,000 by default), XRDEFRAG_TEST_SEED=n for the
+// first volume.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <set>
+
+#include "HFSPlus/HFSPlusVolume.hpp"
+#include "support/RandomVolume.hpp"
+#include "support/SeededRandom.hpp"
+#include "support/doubles/FaultyDevice.hpp"
+#include "support/doubles/PowerCut.hpp"
+#include "support/doubles/RecordingDevice.hpp"
+#include "unit/Tasks/RewritingRun.hpp"
+
+namespace {
+
+using doubles::FaultyDevice;
+using doubles::MemoryDevice;
+using doubles::PowerCut;
+using doubles::RecordingDevice;
+using Image = std::vector<std::byte>;
+
+constexpr size_t kTornWays = 10;
+constexpr uint32_t kFills[] = {40, 75, 92, 98};
+
+uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
+  const char* text = std::getenv(name);
+  return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
+  support::RandomVolumeOptions options;
+  options.mostBytes = 2 << 20;
+  options.mostFiles = 40;
+  options.fillPercent = fillPercent;
+  options.strayRecords = true;
+  return support::randomVolume(seed, options);
+}
+
+/// Opens the volume in an image, as a new start of the program would, and gives back what is on
+/// the device then; nothing if it does not open. `recovery` receives what opening wrote.
+std::optional<Image> reopen(const Image& image, std::vector<RecordingDevice::Record>* recovery) {
+  const auto memory = std::make_shared<MemoryDevice>(image);
+  const auto recording = std::make_shared<RecordingDevice>(memory);
+  const XRDefragVolume device("/nowhere/volume", recording, false, true);
+  const auto volume = HFSPlusVolume::open(device);
+  if (!volume) {
+    ADD_FAILURE() << volume.error().description();
+    return std::nullopt;
+  }
+  if (recovery) {
+    *recovery = recording->changes();
+  }
+  return memory->image();
+}
+
+/// Counts the states that are looked at and spreads them over all that there are.
+class Budget {
+ public:
+  explicit Budget(uint64_t states) : _left(states) {}
+  bool take() { return _left > 0 && _left-- > 0; }
+  bool isSpent() const { return _left == 0; }
+  uint64_t left() const { return _left; }
+
+ private:
+  uint64_t _left;
+};
+
+/// One volume, one run, and every way to interrupt it.
+class InterruptedRun {
+ public:
+  InterruptedRun(uint64_t seed, uint32_t fillPercent, bool compact)
+      : _random(seed), _command(compact ? "COMPACT -q" : "DEFRAG -q") {
+    if (auto built = support::tryBuildVolume(shapeOf(seed, fillPercent))) {
+      _before = built->image.empty() ? Image() : Image(built->image.begin(), built->image.end());
+      _run = std::make_unique<RewritingRun>(std::move(*built));
+    }
+  }
+
+  bool isPossible() const { return _run != nullptr; }
+
+  /// Makes the run, with a small buffer so that it takes many batches.
+  void record() {
+    std::shared_ptr<RecordingDevice> recording;
+    _run->openThrough([&](std::shared_ptr<PlatformDevice> device) {
+      recording = std::make_shared<RecordingDevice>(std::move(device));
+      return recording;
+    });
+    _limits.copyBufferBlocks = _random.between(2, 120);
+    _errorOfRun = RewritingRun::errorIn(_run->run(_command, _limits));
+    EXPECT_EQ(_run->faults(), "");
+    _changes = recording->changes();
+  }
+
+  size_t pointCount() const { return _changes.size() + 1; }
+
+  /// Cuts the run off at every `stride`-th point, in every way.
+  void cut(size_t stride, Budget& budget) {
+    PowerCut powerCut(_before, _changes);
+    for (size_t point = _random.between(0, static_cast<uint32_t>(stride - 1));
+         point < powerCut.pointCount() && !budget.isSpent(); point += stride) {
+      powerCut.advanceTo(point);
+      for (size_t way = 0; way < kTornWays + 2 && budget.take(); ++way) {
+        if (way > 0 && !powerCut.hasUnsynced()) {
+          break;
+        }
+        const auto unsynced = way == 0   ? PowerCut::Unsynced::Lost
+                              : way == 1 ? PowerCut::Unsynced::Kept
+                                         : PowerCut::Unsynced::Torn;
+        SCOPED_TRACE("point " + std::to_string(point) + " way " + std::to_string(way));
+        expectRecovers(powerCut.image(unsynced, way), point % 7 == 0 && way == 3, budget);
+        if (testing::Test::HasFailure()) {
+          return;
+        }
+      }
+    }
+  }
+
+  /// The run with the n-th call of a kind going wrong.
+  void fail(FaultyDevice::Call call, uint64_t ordinal) {
+    const auto memory = std::make_shared<MemoryDevice>(_before);
+    const auto faulty = std::make_shared<FaultyDevice>(memory);
+    _run->openThrough([&](std::shared_ptr<PlatformDevice>) { return faulty; });
+    faulty->plan({.call = call, .ordinal = ordinal});
+    const auto lines = _run->run(_command, _limits);
+    const std::string error = RewritingRun::errorIn(lines);
+    // A run that ends with an error anyway tells of that one when its last writes fail.
+    const bool isOwnError = !_errorOfRun.empty() && error == _errorOfRun;
+    EXPECT_TRUE(error.starts_with("Write fail") || isOwnError) << error;
+    Budget none(0);
+    expectRecovers(memory->image(), false, none);
+  }
+
+  uint64_t callCount(RecordingDevice::Call call) const {
+    return static_cast<uint64_t>(
+        std::ranges::count(_changes, call, &RecordingDevice::Record::call));
+  }
+
+ private:
+  /// Whether everything is there, spotless, after opening; `thoroughly` cuts the recovery off, too,
+  /// and makes the run again.
+  void expectRecovers(const Image& image, bool thoroughly, Budget& budget) {
+    std::vector<RecordingDevice::Record> recovery;
+    const auto recovered = reopen(image, &recovery);
+    if (!recovered) {
+      return;
+    }
+    expectNothingLost(*recovered);
+    if (!thoroughly) {
+      return;
+    }
+    PowerCut powerCut(image, recovery);
+    for (size_t point = 0; point < powerCut.pointCount(); ++point) {
+      powerCut.advanceTo(point);
+      for (const auto unsynced :
+           {PowerCut::Unsynced::Lost, PowerCut::Unsynced::Kept, PowerCut::Unsynced::Torn}) {
+        SCOPED_TRACE("recovery cut at " + std::to_string(point));
+        budget.take();
+        if (const auto again = reopen(powerCut.image(unsynced, point), nullptr)) {
+          EXPECT_EQ(*again, *recovered);
+        }
+      }
+    }
+    expectRunsAgain(*recovered);
+  }
+
+  void expectNothingLost(const Image& image) {
+    EXPECT_EQ(_run->faultsIn(image), "");
+    const auto reserved = [](const Image& bytes) {
+      Image sectors(bytes.begin(), bytes.begin() + 1024);
+      sectors.insert(sectors.end(), bytes.end() - 512, bytes.end());
+      return sectors;
+    };
+    EXPECT_EQ(reserved(image), reserved(_before));
+  }
+
+  void expectRunsAgain(const Image& image) {
+    const auto memory = std::make_shared<MemoryDevice>(image);
+    _run->openThrough([&](std::shared_ptr<PlatformDevice>) { return memory; });
+    const auto lines = _run->run(_command, _limits);
+    EXPECT_EQ(lines.back(), _command.substr(0, _command.find(' ')) + ",DONE");
+    expectNothingLost(memory->image());
+  }
+
+  support::SeededRandom _random;
+  std::string _command;
+  std::unique_ptr<RewritingRun> _run;
+  RewritingRun::Limits _limits;
+  std::string _errorOfRun;
+  Image _before;
+  std::vector<RecordingDevice::Record> _changes;
+};
+
+TEST(Crash, ACutRunIsBroughtToAnEndByOpeningTheVolume) {
+  Budget budget(numberFromEnvironment("XRDEFRAG_CRASH_STATES", 2000));
+  const uint64_t statesPerRun = std::max<uint64_t>(budget.left() / 24, 50);
+  uint64_t runs = 0;
+  for (uint64_t seed = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1); !budget.isSpent(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    InterruptedRun run(seed, kFills[seed % 4], seed % 2 == 0);
+    if (!run.isPossible()) {
+      continue;
+    }
+    run.record();
+    Budget share(std::min(budget.left(), statesPerRun));
+    const uint64_t shareBefore = share.left();
+    run.cut(std::max<size_t>(run.pointCount() * kTornWays / statesPerRun, 1), share);
+    for (uint64_t used = shareBefore - share.left(); used > 0; --used) {
+      budget.take();
+    }
+    ++runs;
+    ASSERT_FALSE(HasFailure());
+    ASSERT_LT(runs, 1'000'000U);
+  }
+  RecordProperty("runs", static_cast<int>(runs));
+}
+
+TEST(Crash, EveryWriteAndSyncMayFail) {
+  for (uint64_t seed = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1), runs = 0; runs < 4; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    InterruptedRun run(seed, kFills[seed % 4], seed % 2 == 0);
+    if (!run.isPossible()) {
+      continue;
+    }
+    ++runs;
+    run.record();
+    const std::pair<FaultyDevice::Call, RecordingDevice::Call> kinds[] = {
+        {FaultyDevice::Call::Write, RecordingDevice::Call::Write},
+        {FaultyDevice::Call::Sync, RecordingDevice::Call::Sync}};
+    for (const auto& [call, recorded] : kinds) {
+      const uint64_t count = run.callCount(recorded);
+      const uint64_t stride = std::max<uint64_t>(count / 60, 1);
+      for (uint64_t ordinal = 0; ordinal < count; ordinal += stride) {
+        SCOPED_TRACE((call == FaultyDevice::Call::Write ? "write " : "sync ") +
+                     std::to_string(ordinal));
+        run.fail(call, ordinal);
+        ASSERT_FALSE(HasFailure());
+      }
+    }
+  }
+}
+
+}  // namespace
