@@ -187,5 +187,6 @@ void LWToolApplication::setEventInputType(LWToolEvent::Type type) {
 void LWToolApplication::addSignalHandler(int number, SignalHandler handler) {
   LW_ASSERT(number >= 1 && number <= 31);
   _signalHandlers.insert_or_assign(number, std::move(handler));
-  LW_ASSERT(_runLoop->watchSignal(number).has_value());
+  const auto watched = _runLoop->watchSignal(number);
+  LW_ASSERT(watched.has_value());
 }

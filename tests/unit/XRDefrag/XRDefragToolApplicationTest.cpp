@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -248,6 +249,26 @@ TEST_F(XRDefragToolApplicationTest, TasksAreAbortedOnceHoweverOftenTheToolIsTold
   write("RUN\nQUIT\n");
   run({"disk1"});
   EXPECT_EQ(commands.tasks.front()->aborts, 1);
+}
+
+TEST_F(XRDefragToolApplicationTest, WithoutAThreadForATaskTheToolGoesOn) {
+  pthread_attr_t usual;
+  pthread_attr_t impossible;
+  ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
+  ASSERT_EQ(::pthread_getattr_default_np(&impossible), 0);
+  ASSERT_EQ(::pthread_attr_setstacksize(&impossible, size_t{1} << 50), 0);
+  ASSERT_EQ(::pthread_setattr_default_np(&impossible), 0);
+  write("WAIT\nRUN\nfoo\n");
+  closeInput();
+  const std::string text = run({"disk1"});
+  EXPECT_EQ(::pthread_setattr_default_np(&usual), 0);
+  ::pthread_attr_destroy(&impossible);
+  ::pthread_attr_destroy(&usual);
+  const std::string_view error = "ERROR,Internal error: XRDefragToolApplication:";
+  const size_t first = text.find(error);
+  EXPECT_EQ(first, std::string_view("READY\n").size()) << text;
+  EXPECT_NE(text.find(error, first + 1), std::string::npos) << text;
+  EXPECT_TRUE(text.ends_with("ERROR,foo is not a recognized command.\n")) << text;
 }
 
 TEST_F(XRDefragToolApplicationTest, ProgressIsPrintedWhileTheInputWaits) {
