@@ -1,0 +1,171 @@
+// The built program rewrites volumes in files and on loop devices; Debian's readers and the checker
+// then have to find every byte where it was. XRDEFRAG_SYSTEM_SEEDS=n asks for n random volumes,
+// XRDEFRAG_REAL_VOLUMES=folder for volumes that nobody here made, XRDEFRAG_KILLS=n for n kills.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "support/OutsideReaders.hpp"
+#include "support/RandomVolume.hpp"
+#include "support/SeededRandom.hpp"
+#include "support/VolumeBuilder.hpp"
+#include "support/VolumeChecker.hpp"
+#include "support/doubles/LoopDevice.hpp"
+#include "system/ProgramRunner.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+using volumecheck::CheckResult;
+
+uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
+  const char* text = std::getenv(name);
+  return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+std::string joined(const Lines& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += line + "\n";
+  }
+  return text;
+}
+
+/// A folder for the volumes of one test.
+class Rewriting : public testing::Test {
+ protected:
+  Rewriting() {
+    std::string name = fs::temp_directory_path() / "RewritingTest.XXXXXX";
+    _folder = ::mkdtemp(name.data());
+  }
+  ~Rewriting() override { fs::remove_all(_folder); }
+
+  fs::path path(const std::string& name) const { return _folder / name; }
+
+  /// Runs one command to its DONE line and ends the program.
+  static Lines run(const std::string& device, const std::string& command) {
+    ProgramRunner program({device});
+    program.writeLine(command);
+    const Lines lines =
+        program.readUntil(command.substr(0, command.find(' ')) + ",DONE", std::chrono::minutes(5));
+    program.writeLine("QUIT");
+    EXPECT_EQ(program.waitForExit(), 0);
+    return lines;
+  }
+
+  /// Holds a volume against what was read of it before.
+  static void expectNothingLost(const fs::path& volume, const CheckResult& before) {
+    const CheckResult after = volumecheck::checkVolumeFile(volume);
+    ASSERT_TRUE(after.readable) << after.report();
+    EXPECT_EQ(joined(compareVolumes(before.truth, after.truth)), "");
+    EXPECT_LE(after.findings.size(), before.findings.size()) << after.report();
+    outsidereaders::AgreeOptions options;
+    options.askPartclone = false;
+    EXPECT_EQ(joined(outsideReadersAgree(volume, after.truth, options)), "");
+  }
+
+  /// Rewrites copies of a volume both ways.
+  void rewriteBothWays(const fs::path& volume) {
+    const CheckResult before = volumecheck::checkVolumeFile(volume);
+    for (const char* command : {"DEFRAG -q", "COMPACT"}) {
+      SCOPED_TRACE(command);
+      const fs::path copy = path("copy.hfs");
+      fs::copy_file(volume, copy, fs::copy_options::overwrite_existing);
+      const Lines lines = run(copy, command);
+      EXPECT_FALSE(lines.empty());
+      expectNothingLost(copy, before);
+      if (command[0] == 'D' && joined(lines).find("ERROR") == std::string::npos) {
+        const Lines info = run(copy, "FRAGINFO");
+        ASSERT_GE(info.size(), 3U);
+        _lastFragInfo = info[info.size() - 2];
+      }
+    }
+  }
+
+  fs::path _folder;
+  std::string _lastFragInfo;
+};
+
+TEST_F(Rewriting, OutsideReadersFindEveryByteOfRandomVolumes) {
+  const uint64_t first = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1000);
+  const uint64_t count = numberFromEnvironment("XRDEFRAG_SYSTEM_SEEDS", 30);
+  constexpr uint32_t kFills[] = {5, 30, 55, 75, 88, 95, 98};
+  for (uint64_t seed = first; seed < first + count; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    support::RandomVolumeOptions options;
+    options.mostBytes = 8 << 20;
+    options.mostFiles = 60;
+    options.fillPercent = kFills[seed % std::size(kFills)];
+    if (support::tryBuildVolume(support::randomVolume(seed, options), path("volume.hfs"))) {
+      rewriteBothWays(path("volume.hfs"));
+    }
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST_F(Rewriting, OutsideReadersFindEveryByteOfRealVolumes) {
+  const char* folder = std::getenv("XRDEFRAG_REAL_VOLUMES");
+  if (folder == nullptr) {
+    GTEST_SKIP() << "XRDEFRAG_REAL_VOLUMES names no folder of volumes.";
+  }
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    if (entry.path().extension() == ".hfs") {
+      SCOPED_TRACE(entry.path());
+      rewriteBothWays(entry.path());
+      EXPECT_TRUE(_lastFragInfo.starts_with("FRAGINFO,0,")) << _lastFragInfo;
+    }
+  }
+}
+
+TEST_F(Rewriting, ALoopDeviceIsRewrittenLikeAFile) {
+  support::RandomVolumeOptions options;
+  options.fillPercent = 60;
+  const fs::path volume = path("volume.hfs");
+  support::buildVolume(support::randomVolume(7, options), volume);
+  const CheckResult before = volumecheck::checkVolumeFile(volume);
+  {
+    const doubles::LoopDevice loop(volume);
+    if (!loop.works()) {
+      GTEST_SKIP() << "There are no loop devices to be had.";
+    }
+    EXPECT_EQ(run(loop.path(), "DEFRAG -q").back(), "DEFRAG,DONE");
+    EXPECT_EQ(run(loop.path(), "COMPACT -q").back(), "COMPACT,DONE");
+  }
+  expectNothingLost(volume, before);
+}
+
+TEST_F(Rewriting, AKilledRunIsBroughtToAnEndByStartingAgain) {
+  support::RandomVolumeOptions options;
+  options.mostBytes = 24 << 20;
+  options.fillPercent = 80;
+  const fs::path original = path("original.hfs");
+  support::buildVolume(support::randomVolume(11, options), original);
+  const CheckResult before = volumecheck::checkVolumeFile(original);
+  support::SeededRandom random(numberFromEnvironment("XRDEFRAG_TEST_SEED", 1));
+  const fs::path volume = path("volume.hfs");
+  for (uint64_t kill = 0; kill < numberFromEnvironment("XRDEFRAG_KILLS", 25); ++kill) {
+    SCOPED_TRACE("kill " + std::to_string(kill));
+    fs::copy_file(original, volume, fs::copy_options::overwrite_existing);
+    {
+      ProgramRunner program({volume});
+      program.writeLine(kill % 2 == 0 ? "DEFRAG" : "COMPACT");
+      program.readLine();
+      std::this_thread::sleep_for(std::chrono::microseconds(random.between(0, 120'000)));
+      program.sendSignal(SIGKILL);
+      program.waitForExit();
+    }
+    ProgramRunner again({volume, "-q"});
+    EXPECT_EQ(joined(again.readAll()), "");
+    EXPECT_EQ(again.waitForExit(), 0);
+    expectNothingLost(volume, before);
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+}  // namespace
