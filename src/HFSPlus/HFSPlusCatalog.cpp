@@ -339,6 +339,9 @@ Result<> HFSPlusCatalog::_iterateFolderID(uint32_t folderID, HFSPlusFolderDelega
       TRY(_showChild(record, delegate));
     }
     const uint32_t next = position.leaf->fLink();
+    if (next == 0 && position.leaf->index() == lastLeafNode()) {
+      return {};  // the folder's children are the last records of all
+    }
     if (next == 0) {
       return std::unexpected(inconsistent());
     }
