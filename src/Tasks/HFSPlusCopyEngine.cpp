@@ -5,12 +5,20 @@
 #include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "Tasks/HFSPlusCopyBuffer.hpp"
+#include "Tasks/HFSPlusCopyRehearsal.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
 namespace {
 
 /// More rebuilds than a mode retries of its own accord.
 constexpr uint32_t kMaxFruitlessBuilds = 4;
+
+/// A limit for the next batch. What sets it loosens with time: forks come together again, and so
+/// does free space.
+uint32_t loosened(uint32_t limit) {
+  const uint32_t step = limit / 8 + 1;
+  return limit > UINT32_MAX - step ? UINT32_MAX : limit + step;
+}
 
 std::unexpected<XRDefragError> insufficientSpace() {
   return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
@@ -32,8 +40,7 @@ HFSPlusCopyEngine::HFSPlusCopyEngine(HFSPlusVolume& volume, HFSPlusDefragStretch
       _buffer(buffer),
       _cancelled(std::move(cancelled)),
       _copyList(volume, stretch, buffer, progress, _cancelled),
-      _zone(volume, stretch, _copyList),
-      _zoneLimit(buffer.blockCount()) {}
+      _zone(volume, stretch, _copyList) {}
 
 Result<> HFSPlusCopyEngine::run() {
   Result<> result = _run();
@@ -64,26 +71,41 @@ Result<> HFSPlusCopyEngine::_run() {
   return std::unexpected(XRDefragError::userCancelled());
 }
 
-/// Carries out what is planned or, where free space is too short for that, the beginning of it.
+/// Carries out what is planned or, where the overflow file or free space is too short for that, the
+/// beginning of it.
 Result<> HFSPlusCopyEngine::_carryOut() {
-  const uint32_t moved = TRY(_copyList.performCopyList(true));
   const std::vector<HFSPlusCopyEntry>& entries = _copyList.entries();
-  if (moved == entries.size()) {
-    _fillLimit = UINT32_MAX;
-    _copyList.disposeCopyList();
-    _mode.updateSource();
-    return {};
+  HFSPlusCopyRehearsal rehearsal(_volume);
+  // What cannot be made smaller is tried in earnest: when it fails, its error is the run's.
+  const bool isRehearsed = _blocksFrom(0) > 1;
+  if (isRehearsed && !TRY(rehearsal.succeeds(entries, _copyList.groups()))) {
+    return _planHalf(0);
   }
-  const HFSPlusCopyEntry next = entries[moved];
-  uint32_t blocks = 0;
-  for (size_t i = moved; i < entries.size(); ++i) {
-    blocks += entries[i].count;
+  const uint32_t moved = TRY(_copyList.performCopyList(true));
+  if (moved < entries.size()) {
+    return _blocksFrom(moved) > 1 ? _planHalf(moved) : Result<>(insufficientSpace());
   }
-  if (blocks == 1) {
-    return insufficientSpace();
-  }
+  _fillLimit = UINT32_MAX;
+  _flushLimit = loosened(_flushLimit);
   _copyList.disposeCopyList();
-  _fillLimit = blocks / 2;
+  _mode.updateSource();
+  return {};
+}
+
+/// Blocks that the plan moves from an entry on.
+uint32_t HFSPlusCopyEngine::_blocksFrom(uint32_t entry) const {
+  uint32_t blocks = 0;
+  for (const HFSPlusCopyEntry& move : std::span(_copyList.entries()).subspan(entry)) {
+    blocks += move.count;
+  }
+  return blocks;
+}
+
+/// Forgets the plan from an entry on, for one of half the size.
+Result<> HFSPlusCopyEngine::_planHalf(uint32_t entry) {
+  const HFSPlusCopyEntry next = _copyList.entries()[entry];
+  _flushLimit = _blocksFrom(entry) / 2;
+  _copyList.disposeCopyList();
   _mode.startOver({next.entry.cnid, next.entry.info.forkType});
   return _rebuildMap(next.nustart);
 }
@@ -126,8 +148,7 @@ Result<> HFSPlusCopyEngine::_rebuildMap(uint32_t startBlock) {
 auto HFSPlusCopyEngine::_prepareZone() -> Result<Zone> {
   const uint32_t whole = std::min(_stretch.movableBlocks(), _buffer.blockCount());
   uint32_t blocks = std::min(whole, _zoneLimit);
-  // What sets a limit loosens with time: forks come together again, and so does free space.
-  _zoneLimit = std::min(_zoneLimit + _zoneLimit / 8 + 1, _buffer.blockCount());
+  _zoneLimit = loosened(_zoneLimit);
   while (true) {
     const uint32_t freeBlocks = _zone.countFreeBlocks(blocks);
     if (freeBlocks >= blocks) {
@@ -161,7 +182,7 @@ auto HFSPlusCopyEngine::_prepareZone() -> Result<Zone> {
 /// Blocks of the zone that a batch may fill: all of it, unless no free blocks would be left then to
 /// write down what its flush is about to do.
 uint32_t HFSPlusCopyEngine::_roomInZone(uint32_t zoneBlocks) const {
-  const uint32_t room = std::min(zoneBlocks, _fillLimit);
+  const uint32_t room = std::min({zoneBlocks, _fillLimit, _flushLimit});
   const uint32_t freeBlocks = _stretch.map().blockCountForType(kHFSPlusExtentUnalloced);
   const uint64_t needed = uint64_t{room} + _zone.recordBlocks();
   if (!_stretch.reachesVolumeEnd() || freeBlocks >= needed) {

@@ -57,6 +57,8 @@ class HFSPlusCopyEngine {
   uint32_t _roomInZone(uint32_t zoneBlocks) const;
   Result<uint32_t> _placeSource(HFSPlusSourceEntry source, uint32_t room);
   Result<> _carryOut();
+  uint32_t _blocksFrom(uint32_t entry) const;
+  Result<> _planHalf(uint32_t entry);
   Result<> _planAnew(uint32_t front, uint32_t soundBlocks);
   Result<> _leaveExtentsFile(uint32_t front);
 
@@ -67,8 +69,10 @@ class HFSPlusCopyEngine {
   std::function<bool()> _cancelled;
   HFSPlusCopyList _copyList;
   HFSPlusCopyZone _zone;
-  uint32_t _zoneLimit;               // blocks; what could be evicted last
-  uint32_t _fillLimit = UINT32_MAX;  // blocks; what a plan made anew may place
-  bool _mapIsUsedUp = false;         // the mode found nothing in the map
-  uint32_t _fruitlessBuilds = 0;     // rebuilds in a row without a block placed between them
+  // Limits of a batch, in blocks.
+  uint32_t _zoneLimit = UINT32_MAX;   // what could be evicted last
+  uint32_t _flushLimit = UINT32_MAX;  // what could be flushed last
+  uint32_t _fillLimit = UINT32_MAX;   // where a plan made anew for the extents file has to end
+  bool _mapIsUsedUp = false;          // the mode found nothing in the map
+  uint32_t _fruitlessBuilds = 0;      // rebuilds in a row without a block placed between them
 };

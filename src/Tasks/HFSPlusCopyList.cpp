@@ -166,26 +166,33 @@ Result<> HFSPlusCopyList::_updateFork(const HFSPlusCopyGroup& group) {
     TRY(fork->move(entry.source(), entry.nustart, entry.count));
   }
 
-  TRY(_forgetInMap(*fork));
+  Descriptors before = fork->copyExtentDescriptors(_stretch.map().startBlock());
   TRY(fork->update());
-  return _enterInMap(*fork, _entries[group.entries.back()].entry);
+  Descriptors after = fork->copyExtentDescriptors(_stretch.map().startBlock());
+  return _updateMap(std::move(before), std::move(after), _entries[group.entries.back()].entry);
 }
 
-Result<> HFSPlusCopyList::_forgetInMap(const HFSPlusForkExtents& fork) {
+/// Brings a fork's entries of the map from the extents that it had to those that it has now. What
+/// has stayed is left alone: a fork may have very many extents.
+Result<> HFSPlusCopyList::_updateMap(Descriptors before, Descriptors after,
+                                     const HFSPlusExtentMapEntry& owner) {
+  const auto byPlace = [](const HFSPlusExtentDescriptor& a, const HFSPlusExtentDescriptor& b) {
+    return std::pair(a.startBlock, a.blockCount) < std::pair(b.startBlock, b.blockCount);
+  };
+  std::ranges::sort(before, byPlace);
+  std::ranges::sort(after, byPlace);
   HFSPlusExtentMap& map = _stretch.map();
-  for (const HFSPlusExtentDescriptor& extent : fork.copyExtentDescriptors(map.startBlock())) {
+  Descriptors left;
+  std::ranges::set_difference(before, after, std::back_inserter(left), byPlace);
+  for (const HFSPlusExtentDescriptor& extent : left) {
     TRY(map.deleteBlocks(extent.startBlock, extent.blockCount));
   }
-  return {};
-}
-
-Result<> HFSPlusCopyList::_enterInMap(const HFSPlusForkExtents& fork,
-                                      const HFSPlusExtentMapEntry& owner) {
-  HFSPlusExtentMap& map = _stretch.map();
   if (map.blockCount() == 0) {
     return {};  // the batch has settled the last of this stretch
   }
-  for (const HFSPlusExtentDescriptor& extent : fork.copyExtentDescriptors(map.startBlock())) {
+  Descriptors taken;
+  std::ranges::set_difference(after, before, std::back_inserter(taken), byPlace);
+  for (const HFSPlusExtentDescriptor& extent : taken) {
     // It is there already when the fork is pointed to its place for the second time.
     TRY(map.deleteBlocks(extent.startBlock, extent.blockCount));
     TRY(map.insert(extent.startBlock, extent.blockCount, owner.cnid, owner.info));

@@ -12,7 +12,6 @@
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
 class HFSPlusDefragStretch;
-class HFSPlusForkExtents;
 class HFSPlusVolume;
 
 /// One pending move. The source blocks are `entry.start` + `offset` and up, the destination blocks
@@ -82,6 +81,8 @@ class HFSPlusCopyList {
   static constexpr uint64_t kHeldBytesLimit = 8 << 20;
 
  private:
+  using Descriptors = std::vector<HFSPlusExtentDescriptor>;
+
   /// Blocks that are contiguous on the volume and in the buffer.
   struct Transfer {
     uint32_t block;
@@ -96,8 +97,7 @@ class HFSPlusCopyList {
   Result<> _writeDestinations();
   Result<uint32_t> _updateForks(bool countProgress);
   Result<> _updateFork(const HFSPlusCopyGroup& group);
-  Result<> _forgetInMap(const HFSPlusForkExtents& fork);
-  Result<> _enterInMap(const HFSPlusForkExtents& fork, const HFSPlusExtentMapEntry& owner);
+  Result<> _updateMap(Descriptors before, Descriptors after, const HFSPlusExtentMapEntry& owner);
   void _report(std::span<const HFSPlusCopyGroup> groups, bool countProgress);
   HFSPlusBlockRanges _destinations(std::span<const HFSPlusCopyGroup> groups) const;
   uint32_t _leadingEntries(std::span<const HFSPlusCopyGroup> undone) const;
