@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "LWKit/LWStringUtilities.hpp"
-#include "Tasks/HFSPlusDefragTask.hpp"
 
 namespace {
 
@@ -87,26 +86,36 @@ void RewritingRun::openThrough(const Wrap& wrap) {
   _volume = std::move(*opened);
 }
 
+std::shared_ptr<HFSPlusDefragTask> RewritingRun::taskOf(HFSPlusVolume& volume,
+                                                        std::string_view line) {
+  const std::vector<std::string> words = LWTrimmedComponents(line);
+  auto task = std::make_shared<HFSPlusDefragTask>(volume, words.front() == "COMPACT");
+  task->setArguments(words);
+  return task;
+}
+
+std::vector<std::string> RewritingRun::linesOf(HFSPlusDefragTask& task) {
+  testing::internal::CaptureStdout();
+  const auto started = task.start();
+  if (started) {
+    task.join();
+  }
+  const std::string output = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(started);
+  return splitLines(output);
+}
+
 std::vector<std::string> RewritingRun::run(std::string_view line) {
   return run(line, Limits());
 }
 
 std::vector<std::string> RewritingRun::run(std::string_view line, const Limits& limits) {
-  const std::vector<std::string> words = LWTrimmedComponents(line);
-  const auto task = std::make_shared<HFSPlusDefragTask>(*_volume, words.front() == "COMPACT");
-  task->setArguments(words);
+  const auto task = taskOf(*_volume, line);
   if (limits.copyBufferBlocks != 0) {
     task->limitResources(limits.copyBufferBlocks * _volume->hostVolumeHeader().blockSize,
                          limits.mapCapacity);
   }
-  testing::internal::CaptureStdout();
-  const auto started = task->start();
-  if (started) {
-    task->join();
-  }
-  const std::string output = testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(started);
-  return splitLines(output);
+  return linesOf(*task);
 }
 
 auto RewritingRun::movesIn(const std::vector<std::string>& lines) -> std::vector<Move> {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "HFSPlus/HFSPlusVolume.hpp"
+#include "Tasks/HFSPlusDefragTask.hpp"
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
 #include "support/doubles/MemoryDevice.hpp"
@@ -33,7 +34,12 @@ class RewritingRun {
   /// Opens the volume again, through a device of the test's choice.
   void openThrough(const Wrap& wrap);
 
-  /// Runs a DEFRAG or COMPACT line to its end; the report lines without their newlines.
+  /// The task of a DEFRAG or COMPACT line on any volume.
+  static std::shared_ptr<HFSPlusDefragTask> taskOf(HFSPlusVolume& volume, std::string_view line);
+  /// Runs a task to its end; the report lines without their newlines.
+  static std::vector<std::string> linesOf(HFSPlusDefragTask& task);
+
+  /// Runs a DEFRAG or COMPACT line to its end.
   std::vector<std::string> run(std::string_view line);
   std::vector<std::string> run(std::string_view line, const Limits& limits);
 
