@@ -7,11 +7,11 @@
 namespace {
 
 // The wrapper's master directory block: offsets of what it tells about the volume inside.
-constexpr size_t kAllocationBlockSize = 20;    // u32, bytes
-constexpr size_t kFirstAllocationBlock = 28;   // u16, in units of 512 bytes
-constexpr size_t kEmbeddedSignature = 124;     // u16
-constexpr size_t kEmbeddedStartBlock = 126;    // u16, wrapper allocation blocks
-constexpr size_t kEmbeddedBlockCount = 128;    // u16
+constexpr size_t kAllocationBlockSize = 20;   // u32, bytes
+constexpr size_t kFirstAllocationBlock = 28;  // u16, in units of 512 bytes
+constexpr size_t kEmbeddedSignature = 124;    // u16
+constexpr size_t kEmbeddedStartBlock = 126;   // u16, wrapper allocation blocks
+constexpr size_t kEmbeddedBlockCount = 128;   // u16
 constexpr uint64_t kAllocationBlockUnit = 512;
 
 }  // namespace

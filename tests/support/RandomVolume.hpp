@@ -18,7 +18,8 @@ struct RandomVolumeOptions {
   std::optional<bool> wrapper;
   /// An HFSX volume (not every program takes one).
   bool hfsx = false;
-  /// Now and then blocks beyond a fork's last byte, which the format allows and some readers refuse.
+  /// Now and then blocks beyond a fork's last byte, which the format allows and some readers
+  /// refuse.
   bool spareBlocks = false;
   /// Now and then overflow records beyond a fork's end, which real volumes hold.
   bool strayRecords = false;

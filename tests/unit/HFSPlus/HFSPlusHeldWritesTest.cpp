@@ -84,7 +84,8 @@ TEST(HFSPlusHeldWrites, ReadsThroughItEqualAPlainArrayThatWasWritten) {
       held.hold(3, unit * kUnit, bytes);
       std::ranges::copy(bytes, model.begin() + static_cast<ptrdiff_t>(unit * kUnit));
       isHeld[unit] = true;
-      held.hold(below(2) == 0 ? 2 : 4, unit * kUnit, filled(kUnit, 255));  // of no concern to file 3
+      held.hold(below(2) == 0 ? 2 : 4, unit * kUnit,
+                filled(kUnit, 255));  // of no concern to file 3
     }
     const size_t offset = below(model.size());
     const size_t size = below(model.size() - offset) + 1;

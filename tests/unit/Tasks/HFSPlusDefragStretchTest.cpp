@@ -28,8 +28,7 @@ TEST(HFSPlusDefragStretch, MarksOwnedBlocksThatLieBeyondTheMap) {
   ASSERT_TRUE(volume.open());
 
   constexpr uint64_t kCapacity = 30;
-  HFSPlusDefragStretch stretch(
-      *volume, [] { return false; }, kCapacity);
+  HFSPlusDefragStretch stretch(*volume, [] { return false; }, kCapacity);
   ASSERT_EQ(doubles::messageOf(stretch.build(0)), "");
   ASSERT_FALSE(stretch.reachesVolumeEnd());
   size_t beyond = 0;
