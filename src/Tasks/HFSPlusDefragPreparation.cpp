@@ -42,7 +42,8 @@ Result<> HFSPlusDefragPreparation::_checkVolume() {
   return needsMoreStretches ? _stretch.build(0) : Result<>();
 }
 
-/// A profile can name forks that must stay where they are; they have no place in its order.
+/// A profile can name forks that must stay where they are, and the volume's own files (the bad
+/// blocks, say, where the catalog lists them); they have no place in its order.
 void HFSPlusDefragPreparation::_dropImmutableProfileForks() {
   if (!_profileFileForks) {
     return;
@@ -50,7 +51,9 @@ void HFSPlusDefragPreparation::_dropImmutableProfileForks() {
   HFSPlusFileForkSet movable;
   for (size_t i = 0; i < _profileFileForks->count(); ++i) {
     const HFSPlusFileFork fork = _profileFileForks->fileForkAtIndex(i);
-    if (!_stretch.immutableFileForks().contains(fork.fileID, fork.forkType)) {
+    const bool isVolumesOwn =
+        fork.fileID == kHFSBadBlockFileID || _volume.isSpecialFile(fork.fileID);
+    if (!isVolumesOwn && !_stretch.immutableFileForks().contains(fork.fileID, fork.forkType)) {
       movable.add(fork.fileID, fork.forkType);
     }
   }

@@ -17,6 +17,8 @@ using volumecheck::Fork;
 using volumecheck::ForkType;
 using volumecheck::VolumeTruth;
 
+const std::string kPlaylistPath = "/private/var/db/BootCache.playlist";
+
 volumecheck::CheckResult check(const std::vector<std::byte>& image) {
   volumecheck::CheckOptions options;
   options.alternate = volumecheck::AlternateRule::MayLag;
@@ -210,6 +212,55 @@ std::string RewritingRun::scatteredForks(ExtentsFile extentsFile) {
     }
   }
   return lines;
+}
+
+std::string RewritingRun::firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order) {
+  const VolumeTruth after = truth();
+  const std::vector<bool> immovable = immovableBlocks(after, ExtentsFile::Moves);
+  uint32_t next = _volume->firstDataBlock();
+  for (const HFSPlusFileFork& member : order) {
+    const Fork* fork = after.findFork(member.fileID, static_cast<ForkType>(member.forkType));
+    if (!fork) {
+      return "There is no such fork of file " + std::to_string(member.fileID) + ".";
+    }
+    for (const Extent& extent : fork->extents) {
+      while (next < immovable.size() && immovable[next]) {
+        ++next;
+      }
+      if (extent.startBlock != next) {
+        return describe(*fork) + " instead of " + std::to_string(next);
+      }
+      next += extent.blockCount;
+    }
+  }
+  return {};
+}
+
+std::string RewritingRun::faultsBesidesEmptiedPlaylist() {
+  const volumecheck::CatalogItem* item = truthBefore().findItem(kPlaylistPath);
+  if (!item) {
+    return faults();
+  }
+  const VolumeTruth after = truth();
+  const Fork* before = truthBefore().findFork(item->cnid, ForkType::Data);
+  const Fork* now = after.findFork(item->cnid, ForkType::Data);
+  if (!now || now->logicalSize != 0 || now->totalBlocks != 0 || !now->extents.empty() ||
+      after.header.freeBlocks != after.clearBits) {
+    return faults();
+  }
+  const std::string fork =
+      "The data fork of file " + std::to_string(item->cnid) + " " + kPlaylistPath + "'s ";
+  const std::vector<std::string> expected = {
+      fork + "size changed from " + std::to_string(before->logicalSize) + " to 0.",
+      fork + "block count changed from " + std::to_string(before->totalBlocks) + " to 0.",
+      fork + "bytes changed from " + before->hash.hex() + " to " + now->hash.hex() + ".",
+      "The catalog record \"BootCache.playlist\" of folder " + std::to_string(item->parentID) +
+          " changed beyond its extents."};
+  std::string others;
+  for (const std::string& line : splitLines(faults())) {
+    others += std::ranges::find(expected, line) != expected.end() ? "" : line + "\n";
+  }
+  return others;
 }
 
 std::string RewritingRun::dataAboveFreeSpace(ExtentsFile extentsFile) {

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "HFSPlus/HFSPlusFileForkSet.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "Tasks/HFSPlusDefragTask.hpp"
 #include "support/VolumeBuilder.hpp"
@@ -69,6 +70,11 @@ class RewritingRun {
   /// Forks in more than one piece although nothing immovable separates the pieces; the special
   /// files included. One line each.
   std::string scatteredForks(ExtentsFile extentsFile = ExtentsFile::Moves);
+  /// The first of the forks that does not follow right on the one before it, in the order given and
+  /// from the data area's first block on; only immovable blocks may come between. Empty if all do.
+  std::string firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order);
+  /// faults() beyond the boot playlist's having been emptied, which a run with that profile does.
+  std::string faultsBesidesEmptiedPlaylist();
   /// Forks with movable extents above the first free block of the data area. One line each.
   std::string dataAboveFreeSpace(ExtentsFile extentsFile = ExtentsFile::Moves);
 
