@@ -8,9 +8,10 @@
 
 Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool compact) {
   _skippedBlocks = 0;
-  _stretch.setImmutableFileForks(TRY(_volume.immutableForkIDs(true)));
   _dropImmutableProfileForks();
-  TRY(_checkVolume());
+  if (!_mapIsCurrent) {
+    TRY(_stretch.build(0));
+  }
   TRY(_skipToFirstDataBlock());
   TRY(compact ? _skipToFirstFreeBlock() : _skipForksInPlace());
 
@@ -28,10 +29,11 @@ Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool com
 
 /// Builds every stretch once, so that blocks of two owners are found, and blocks that are owned but
 /// not marked so are marked, before the first of them could be written on.
-Result<> HFSPlusDefragPreparation::_checkVolume() {
+Result<> HFSPlusDefragPreparation::checkVolume() {
+  _stretch.setImmutableFileForks(TRY(_volume.immutableForkIDs(true)));
   TRY(HFSPlusMarkUnlistedForks(_volume));
   TRY(_stretch.build(0));
-  const bool needsMoreStretches = !_stretch.reachesVolumeEnd();
+  _mapIsCurrent = _stretch.reachesVolumeEnd();
   while (!_stretch.reachesVolumeEnd()) {
     TRY(_stretch.build(_stretch.nextStartBlock()));
   }
@@ -39,7 +41,7 @@ Result<> HFSPlusDefragPreparation::_checkVolume() {
   if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
     return std::unexpected(XRDefragError::localized("The amount of free space is insufficient."));
   }
-  return needsMoreStretches ? _stretch.build(0) : Result<>();
+  return {};
 }
 
 /// A profile can name forks that must stay where they are, and the volume's own files (the bad

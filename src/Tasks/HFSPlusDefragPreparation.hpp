@@ -25,13 +25,20 @@ class HFSPlusDefragPreparation {
         _profileFileForks(profileFileForks),
         _taskName(std::move(taskName)) {}
 
-  /// Leaves the stretch's map beginning where the run begins. The number of blocks that the run
-  /// expects to move, or none when there is nothing to do. Fails with the errors of the volume's
-  /// immutable forks, of building the map and of reading forks.
+  /// Holds the volume's metadata against itself and marks owned blocks that are not marked. Until
+  /// this has succeeded nothing else may be written. Fails with the errors of the volume's
+  /// immutable forks and of building the map.
+  [[nodiscard]] Result<> checkVolume();
+
+  /// To be told of changes to forks after the check.
+  void forksHaveChanged() { _mapIsCurrent = false; }
+
+  /// To be called after the check: leaves the stretch's map beginning where the run begins. The
+  /// number of blocks that the run expects to move, or none when there is nothing to do. Fails with
+  /// the errors of building the map and of reading forks.
   [[nodiscard]] Result<std::optional<uint32_t>> prepareForRun(bool compact);
 
  private:
-  Result<> _checkVolume();
   void _dropImmutableProfileForks();
   Result<std::optional<HFSPlusExtentRun>> _firstRun();
   Result<> _skipToFirstDataBlock();
@@ -45,5 +52,6 @@ class HFSPlusDefragPreparation {
   HFSPlusDefragStretch& _stretch;
   std::optional<HFSPlusFileForkSet>& _profileFileForks;
   std::string _taskName;
+  bool _mapIsCurrent = false;   // the stretch's map is that of the volume's start
   uint64_t _skippedBlocks = 0;  // movable ones
 };

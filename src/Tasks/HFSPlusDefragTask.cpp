@@ -130,6 +130,11 @@ Result<> HFSPlusDefragTask::_run() {
   }
   HFSPlusDefragStretch stretch(_volume, _cancelled(), _extentMapCapacity);
   HFSPlusDefragPreparation preparation(_volume, stretch, _profileFileForks, name());
+  TRY(preparation.checkVolume());
+  if (_playlistIsUsed) {
+    TRY(_emptyPlaylist());
+    preparation.forksHaveChanged();
+  }
   const auto expectedBlocks = TRY(preparation.prepareForRun(_compact));
   return expectedBlocks ? _runEngine(stretch, *expectedBlocks) : Result<>();
 }
@@ -139,9 +144,7 @@ Result<> HFSPlusDefragTask::_prepareProfiles() {
   HFSPlusFileForkSet fileForks;
   if (_useBootProfile) {
     const HFSPlusProfile profile = TRY(HFSPlusBootCacheProfile::addFileForks(_volume, fileForks));
-    if (profile == HFSPlusProfile::Added) {
-      HFSPlusBootCacheProfile::reset(_volume);
-    }
+    _playlistIsUsed = profile == HFSPlusProfile::Added;
   }
   if (_useAppProfile) {
     TRY(HFSPlusApplicationProfile::addFileForks(_volume.catalog(), fileForks));
@@ -149,6 +152,12 @@ Result<> HFSPlusDefragTask::_prepareProfiles() {
   if (!fileForks.empty()) {
     _profileFileForks = std::move(fileForks);
   }
+  return {};
+}
+
+/// Empties the boot playlist, unless there is no room to do that in one piece.
+Result<> HFSPlusDefragTask::_emptyPlaylist() {
+  HFSPlusBootCacheProfile::reset(_volume);
   if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
     TRY(_volume.discardChanges());
   }

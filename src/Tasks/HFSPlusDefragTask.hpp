@@ -40,6 +40,7 @@ class HFSPlusDefragTask : public XRDefragTask {
   Result<> _rewriteVolume();
   Result<> _run();
   Result<> _prepareProfiles();
+  Result<> _emptyPlaylist();
   Result<> _runEngine(HFSPlusDefragStretch& stretch, uint32_t expectedBlocks);
   std::function<bool()> _cancelled() const;
 
@@ -48,6 +49,7 @@ class HFSPlusDefragTask : public XRDefragTask {
   bool _verbose = true;
   bool _useAppProfile = false;
   bool _useBootProfile = false;
+  bool _playlistIsUsed = false;
   uint64_t _copyBufferSize;
   uint64_t _extentMapCapacity;
   std::optional<HFSPlusFileForkSet> _profileFileForks;  // none: no profile

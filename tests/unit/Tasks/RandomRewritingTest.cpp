@@ -44,6 +44,11 @@ support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
   return support::randomVolume(seed, options);
 }
 
+/// Whether a placement profile has something to go by.
+bool hasProfiles(const volumecheck::VolumeTruth& truth) {
+  return truth.findItem("/Applications") || truth.findItem("/private/var/db/BootCache.playlist");
+}
+
 class RandomRewriting : public testing::TestWithParam<uint32_t> {};
 
 void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
@@ -59,12 +64,14 @@ void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
   limits.copyBufferBlocks = random.chance(20) ? 0 : random.between(1, 200);
   limits.mapCapacity = random.chance(70) ? 0x40000 : random.between(40, 400);
 
-  const Lines lines = run.run(command, limits);
+  const bool defrag = std::string_view(command) == "DEFRAG";
+  const bool useProfiles = defrag && hasProfiles(run.truthBefore()) && random.chance(60);
+  const Lines lines = run.run(useProfiles ? "DEFRAG --profile boot,app" : command, limits);
   const std::string error = RewritingRun::errorIn(lines);
   EXPECT_TRUE(error.empty() || kExpectedErrors.contains(error)) << error;
   EXPECT_EQ(lines.front(), std::string(command) + ",START");
   EXPECT_EQ(lines.back(), std::string(command) + ",DONE");
-  EXPECT_EQ(run.faults(), "");
+  EXPECT_EQ(useProfiles ? run.faultsBesidesEmptiedPlaylist() : run.faults(), "");
   if (error.empty()) {
     // A zone that holds the extents file only in part may leave it in too many pieces to be moved.
     const volumecheck::Fork& fork =
@@ -74,9 +81,7 @@ void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
         (limits.copyBufferBlocks != 0 && limits.copyBufferBlocks < fork.totalBlocks);
     const auto extentsFile =
         mayStay ? RewritingRun::ExtentsFile::MayStay : RewritingRun::ExtentsFile::Moves;
-    EXPECT_EQ(std::string_view(command) == "DEFRAG" ? run.scatteredForks(extentsFile)
-                                                    : run.dataAboveFreeSpace(extentsFile),
-              "");
+    EXPECT_EQ(defrag ? run.scatteredForks(extentsFile) : run.dataAboveFreeSpace(extentsFile), "");
   }
 }
 
