@@ -180,7 +180,8 @@ TEST(HFSPlusForkExtents, RecordsOfTheSameLengthAreRewrittenInPlace) {
     EXPECT_EQ(messageOf(fork->move(2000 + 4 * i, 3000 + 4 * i, 1)), "");
   }
   EXPECT_EQ(messageOf(fork->update()), "");
-  EXPECT_EQ(setting.volume->extents().headerRecord().leafRecords, before.leafRecords);
+  EXPECT_EQ(uint32_t{setting.volume->extents().headerRecord().leafRecords},
+            uint32_t{before.leafRecords});
   const auto result = setting.check();
   EXPECT_EQ(result.report(), "");
   EXPECT_EQ(extentsOnDisk(result.truth, setting.fileID), fork->copyExtentDescriptors(0));
@@ -196,7 +197,7 @@ TEST(HFSPlusForkExtents, AForkThatComesTogetherLosesItsOverflowRecords) {
   }
   EXPECT_EQ(messageOf(fork->update()), "");
   EXPECT_EQ(fork->copyExtentDescriptors(0), (Descriptors{{3000, 24}}));
-  EXPECT_EQ(setting.volume->extents().headerRecord().leafRecords, 0u);
+  EXPECT_EQ(uint32_t{setting.volume->extents().headerRecord().leafRecords}, 0u);
   const auto result = setting.check();
   EXPECT_EQ(result.report(), "");
   EXPECT_EQ(extentsOnDisk(result.truth, setting.fileID), (Descriptors{{3000, 24}}));
@@ -256,7 +257,7 @@ TEST(HFSPlusForkExtents, RecordsBeyondTheForksBlocksAreNotTouched) {
     EXPECT_EQ(messageOf(fork->move(2000 + 4 * i, 3000 + i, 1)), "");
   }
   EXPECT_EQ(messageOf(fork->update()), "");
-  EXPECT_EQ(setting.volume->extents().headerRecord().leafRecords, 3u);
+  EXPECT_EQ(uint32_t{setting.volume->extents().headerRecord().leafRecords}, 3u);
 }
 
 TEST(HFSPlusForkExtents, ASpecialFileIsWrittenToTheHeader) {
