@@ -55,7 +55,8 @@ TEST_F(XRDefragReportTest, LinesOfDifferentThreadsNeverMix) {
     std::vector<std::jthread> threads;
     for (char letter = 'a'; letter < 'e'; ++letter) {
       threads.emplace_back([&report, letter] {
-        const std::string line = std::string(100, letter) + "\n";
+        std::string line(100, letter);
+        line.push_back('\n');
         for (int count = 0; count < kLines; ++count) {
           count % 3 == 0 ? report.printAndFlush(line) : report.print(line);
         }
@@ -66,7 +67,9 @@ TEST_F(XRDefragReportTest, LinesOfDifferentThreadsNeverMix) {
   const std::string text = written();
   ASSERT_EQ(text.size(), 4U * kLines * 101);
   for (size_t start = 0; start < text.size(); start += 101) {
-    ASSERT_EQ(text.substr(start, 101), std::string(100, text[start]) + "\n");
+    std::string line(100, text[start]);
+    line.push_back('\n');
+    ASSERT_EQ(text.substr(start, 101), line);
   }
 }
 
