@@ -1,7 +1,6 @@
 #include "Platform/PlatformProcess.hpp"
 
 #include <fcntl.h>
-#include <linux/ioprio.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,6 +11,16 @@
 #include <string_view>
 
 namespace PlatformProcess {
+
+namespace {
+
+// ioprio_set(2). The C library has no wrapper, and the kernel's own header is not C++ in every
+// version: since 6.1.192 a parameter in it is called "class".
+constexpr int kIOPriorityOfProcess = 1;
+constexpr int kIOPriorityClassIdle = 3;
+constexpr int kIOPriorityClassShift = 13;
+
+}  // namespace
 
 bool isRoot() {
   return ::geteuid() == 0;
@@ -52,8 +61,8 @@ std::optional<uint64_t> physicalMemoryBytes() {
 
 void lowerIOPriority() {
   // An idle class that the kernel or the scheduler does not know leaves us as we are.
-  static_cast<void>(
-      ::syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0)));
+  constexpr int kIdlePriority = kIOPriorityClassIdle << kIOPriorityClassShift;
+  static_cast<void>(::syscall(SYS_ioprio_set, kIOPriorityOfProcess, 0, kIdlePriority));
 }
 
 bool openStandardDescriptors() {
