@@ -1,19 +1,132 @@
 #include "XRDefragReport.hpp"
 
+#include <unistd.h>
+
+#include <system_error>
+#include <utility>
+
+#include "LWKit/LWMainThread.hpp"
+#include "Platform/PlatformOutput.hpp"
+
+namespace {
+
+/// Printed lines beyond this many bytes leave without waiting for a flushed one.
+constexpr size_t kPrintedBytes = size_t{64} << 10;
+
+}  // namespace
+
 XRDefragReport& XRDefragReport::shared() {
-  static XRDefragReport report(stdout);
+  static PlatformOutput output(STDOUT_FILENO);
+  static XRDefragReport report([](std::string_view lines) { output.write(lines); },
+                               output.isTerminal() ? Buffering::ByLine : Buffering::UntilFlushed);
   return report;
 }
 
-void XRDefragReport::print(std::string_view line) {
-  static_cast<void>(std::fwrite(line.data(), 1, line.size(), _stream));
+XRDefragReport::XRDefragReport(Sink sink, Buffering buffering)
+    : _sink(std::move(sink)), _buffering(buffering) {}
+
+XRDefragReport::~XRDefragReport() {
+  {
+    const std::lock_guard lock(_lock);
+    _send();
+    _ends = true;
+  }
+  _dueChanged.notify_one();
+  if (_writer.joinable()) {
+    _writer.join();
+  }
 }
 
-void XRDefragReport::printAndFlush(std::string_view line) {
-  ::flockfile(_stream);
-  print(line);
-  std::fflush(_stream);
-  ::funlockfile(_stream);
+void XRDefragReport::print(std::string_view lines) {
+  _append(lines, _buffering == Buffering::ByLine);
+}
+
+void XRDefragReport::printAndFlush(std::string_view lines) {
+  _append(lines, true);
+}
+
+void XRDefragReport::_append(std::string_view lines, bool flush) {
+  std::unique_lock lock(_lock);
+  if (!LWMainThread::isCurrent()) {
+    _roomChanged.wait(lock, [this] { return _hasRoom(); });
+  }
+  _printed += lines;
+  if (flush || _printed.size() >= kPrintedBytes) {
+    _send();
+  }
+}
+
+/// Sends what is printed on its way.
+void XRDefragReport::_send() {
+  if (_printed.empty()) {
+    return;
+  }
+  if (!_hasWriter()) {
+    _sink(_printed);
+  } else if (_due.empty()) {
+    _due.swap(_printed);
+  } else {
+    _due += _printed;
+  }
+  _printed.clear();
+  _dueChanged.notify_one();
+}
+
+bool XRDefragReport::_hasWriter() {
+  if (_inBackground && !_writer.joinable()) {
+    try {
+      _writer = std::thread([this] { _write(); });
+    } catch (const std::system_error&) {
+      _inBackground = false;
+    }
+  }
+  return _inBackground;
+}
+
+/// The writing thread.
+void XRDefragReport::_write() {
+  std::string lines;
+  std::unique_lock lock(_lock);
+  for (;;) {
+    _dueChanged.wait(lock, [this] { return !_due.empty() || _ends; });
+    if (_due.empty()) {
+      return;
+    }
+    lines.swap(_due);
+    for (const auto& call : std::exchange(_wantRoom, {})) {
+      call();
+    }
+    lock.unlock();
+    _roomChanged.notify_all();
+    _sink(lines);
+    lines.clear();
+    lock.lock();
+  }
+}
+
+void XRDefragReport::writeInBackground() {
+  const std::lock_guard lock(_lock);
+  _inBackground = true;
+}
+
+void XRDefragReport::stopWaiting() {
+  {
+    const std::lock_guard lock(_lock);
+    _waits = false;
+    _wantRoom.clear();
+  }
+  _roomChanged.notify_all();
+}
+
+void XRDefragReport::whenThereIsRoom(std::function<void()> call) {
+  {
+    const std::lock_guard lock(_lock);
+    if (!_hasRoom()) {
+      _wantRoom.push_back(std::move(call));
+      return;
+    }
+  }
+  call();
 }
 
 std::string outputSafeString(std::string_view text) {

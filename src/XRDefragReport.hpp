@@ -1,28 +1,76 @@
 #pragma once
 
-#include <cstdio>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
-/// The one writer of standard output. Lines come from several threads; each is one write under the
-/// stream's lock, so that none ever stands inside another. A reader that has gone away is no
-/// reason to stop: lines that cannot be written are lost, and nothing else happens.
+/// The one writer of standard output. Lines come from several threads and leave in the order in
+/// which they were printed, none inside another.
+///
+/// A reader that does not read must not keep the main thread from hearing a signal or QUIT, nor a
+/// rewriting task from ending when it is told to. So a thread of the report's own does the writing.
+/// Ahead of it lies a bounded backlog: a task that finds it full waits for room, the main thread
+/// never does, and once the tool is to end nobody does. Without that thread (see
+/// writeInBackground()) lines are written by whoever flushes them.
 class XRDefragReport {
  public:
+  /// Takes whole lines to where they are read; called by one thread at a time.
+  using Sink = std::function<void(std::string_view lines)>;
+  /// When a printed line leaves: with the next flushed one, or at once, as on a terminal.
+  enum class Buffering { UntilFlushed, ByLine };
+
+  /// Bytes that may wait for the writing thread before a task has to wait as well.
+  static constexpr size_t kBacklogBytes = size_t{256} << 10;
+
   /// The report on standard output.
   static XRDefragReport& shared();
 
-  /// A report on another stream, which must outlive it.
-  explicit XRDefragReport(std::FILE* stream) : _stream(stream) {}
+  explicit XRDefragReport(Sink sink, Buffering buffering = Buffering::UntilFlushed);
+  XRDefragReport(const XRDefragReport&) = delete;
+  XRDefragReport& operator=(const XRDefragReport&) = delete;
+  /// Returns when all that was printed has been written.
+  ~XRDefragReport();
 
-  /// Writes a line, its newline included. It leaves the process with the next flushed line.
-  void print(std::string_view line);
+  /// Prints lines, their newlines included. They leave the process with the next flushed line, or
+  /// when many wait.
+  void print(std::string_view lines);
 
-  /// Writes a line, its newline included, and everything that still waits.
-  void printAndFlush(std::string_view line);
+  /// Prints lines, their newlines included, and sends them and all that waits on their way.
+  void printAndFlush(std::string_view lines);
+
+  /// From now on a thread of the report's own writes. It starts with the first flush, so that a
+  /// process may still set up what threads inherit.
+  void writeInBackground();
+
+  /// Calls back once there is room: now, or later on the writing thread, which must not be kept.
+  void whenThereIsRoom(std::function<void()> call);
+
+  /// Has no thread wait for room any more, those that do included. No call is made after this.
+  void stopWaiting();
 
  private:
-  std::FILE* _stream;
+  void _append(std::string_view lines, bool flush);
+  void _send();
+  bool _hasRoom() const { return _due.size() < kBacklogBytes || !_waits; }
+  bool _hasWriter();
+  void _write();
+
+  const Sink _sink;
+  const Buffering _buffering;
+  std::mutex _lock;
+  std::condition_variable _dueChanged;
+  std::condition_variable _roomChanged;
+  std::string _printed;  // not yet to be written
+  std::string _due;      // to be written by the thread
+  std::vector<std::function<void()>> _wantRoom;
+  bool _inBackground = false;
+  bool _waits = true;
+  bool _ends = false;
+  std::thread _writer;
 };
 
 /// Free text as a field of a report line: "\" becomes "\\", "," becomes "\," and NUL becomes

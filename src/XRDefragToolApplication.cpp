@@ -73,7 +73,8 @@ void XRDefragToolApplication::stringEvent(const std::shared_ptr<LWToolEvent>& ev
     return;
   }
   reportError(XRDefragError::localized("%1$@ is not a recognized command.", word));
-  event->complete();
+  // A front end that does not read its answers gets no more of them.
+  XRDefragReport::shared().whenThereIsRoom([event] { event->complete(); });
 }
 
 void XRDefragToolApplication::_startTask(const std::shared_ptr<XRDefragTask>& task,
@@ -99,6 +100,7 @@ void XRDefragToolApplication::_startTask(const std::shared_ptr<XRDefragTask>& ta
 
 void XRDefragToolApplication::terminate() {
   if (!std::exchange(_terminateRequestPending, true)) {
+    XRDefragReport::shared().stopWaiting();
     for (const auto& task : _tasks) {
       task->abort();
     }

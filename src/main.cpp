@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "Platform/PlatformProcess.hpp"
+#include "XRDefragReport.hpp"
 #include "XRDefragToolApplication.hpp"
 #include "XRDefragVolumeCommands.hpp"
 
@@ -20,6 +21,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   PlatformProcess::ignoreWriteSignals();
+  XRDefragReport::shared().writeInBackground();
   XRDefragToolApplication application({argv, argv + argc}, XRDefragOpenVolumeCommands,
                                       STDIN_FILENO);
   return application.run();

@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <optional>
 #include <string>
 
 #include "LWKit/LWStringUtilities.hpp"
+#include "Platform/PlatformOutput.hpp"
 #include "Platform/PlatformProcess.hpp"
 #include "Platform/PlatformStack.hpp"
 
@@ -60,17 +60,6 @@ std::string linePrefix(LWDebugLevel level) {
                   static_cast<unsigned>(now.tv_usec / 1000), processPrefix(), tagOf(level));
 }
 
-void writeToStandardError(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(STDERR_FILENO, bytes.data(), bytes.size());
-    if (count > 0) {
-      bytes.remove_prefix(static_cast<size_t>(count));
-    } else if (count == 0 || errno != EINTR) {
-      return;
-    }
-  }
-}
-
 /// A thread's line in progress. The thread's end ends it.
 class DebugLine {
  public:
@@ -98,7 +87,7 @@ class DebugLine {
   void finish() {
     if (_level) {
       _bytes += '\n';
-      writeToStandardError(_bytes);
+      PlatformOutput(STDERR_FILENO).write(_bytes);
       _bytes.clear();
       _level.reset();
     }

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -15,16 +14,12 @@ namespace {
 
 /// What a picture of the volume prints; the error, if any, is the last line.
 std::string pictureOf(MemoryBitmapVolume& volume, uint32_t scale, uint32_t maskedBlocks = 0) {
-  char* text = nullptr;
-  size_t size = 0;
-  std::FILE* stream = open_memstream(&text, &size);
-  XRDefragReport report(stream);
+  std::string printed;
+  XRDefragReport report([&](std::string_view lines) { printed += lines; });
   auto allocation = HFSPlusAllocation::open(volume).value();
   HFSPlusBitmapPicture picture("BITMAP", scale, maskedBlocks, report);
   Result<> result = picture.print(volume.header, *allocation);
-  std::fclose(stream);
-  std::string printed(text, size);
-  std::free(text);
+  report.printAndFlush("");
   return result ? printed : printed + result.error().description();
 }
 

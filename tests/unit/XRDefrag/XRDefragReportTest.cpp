@@ -1,92 +1,232 @@
 #include "XRDefragReport.hpp"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
-#include <csignal>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
+using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 
-/// A report on a file in memory.
-class XRDefragReportTest : public testing::Test {
- protected:
-  XRDefragReportTest()
-      : _file(::memfd_create("report", MFD_CLOEXEC)), stream(::fdopen(::dup(_file), "w")) {}
-  ~XRDefragReportTest() override {
-    std::fclose(stream);
-    ::close(_file);
+/// A reader that reads only when it is let.
+class Reader {
+ public:
+  XRDefragReport::Sink sink() {
+    return [this](std::string_view lines) {
+      std::unique_lock lock(_lock);
+      _isCalled = true;
+      _changed.notify_all();
+      _changed.wait(lock, [this] { return _reads; });
+      _text += lines;
+    };
   }
 
-  /// What has left the process.
-  std::string written() const {
-    std::string text(static_cast<size_t>(::lseek(_file, 0, SEEK_END)), '\0');
-    EXPECT_EQ(::pread(_file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-    return text;
+  void stop() { setReads(false); }
+  void goOn() { setReads(true); }
+
+  /// Returns when somebody has tried to write.
+  void waitUntilCalled() {
+    std::unique_lock lock(_lock);
+    _changed.wait(lock, [this] { return _isCalled; });
+  }
+
+  std::string text() {
+    const std::lock_guard lock(_lock);
+    return _text;
   }
 
  private:
-  int _file;
+  void setReads(bool reads) {
+    const std::lock_guard lock(_lock);
+    _reads = reads;
+    _changed.notify_all();
+  }
 
- protected:
-  std::FILE* stream;
+  std::mutex _lock;
+  std::condition_variable _changed;
+  bool _reads = true;
+  bool _isCalled = false;
+  std::string _text;
 };
 
-}  // namespace
-
-TEST_F(XRDefragReportTest, APrintedLineLeavesWithTheNextFlushedOne) {
-  XRDefragReport report(stream);
-  report.print("READY\n");
-  EXPECT_EQ(written(), "");
-  report.printAndFlush("SCAN,START\n");
-  EXPECT_EQ(written(), "READY\nSCAN,START\n");
+std::string lineOf(char letter, size_t length) {
+  std::string line(length, letter);
+  line.push_back('\n');
+  return line;
 }
 
-TEST_F(XRDefragReportTest, LinesOfDifferentThreadsNeverMix) {
-  XRDefragReport report(stream);
+/// Lines printed by four threads, each of them whole in the text.
+void expectWholeLinesFromFourThreads(XRDefragReport& report,
+                                     const std::function<std::string()>& text) {
   constexpr int kLines = 500;
+  constexpr size_t kLength = 100;
   {
     std::vector<std::jthread> threads;
     for (char letter = 'a'; letter < 'e'; ++letter) {
       threads.emplace_back([&report, letter] {
-        std::string line(100, letter);
-        line.push_back('\n');
+        const std::string line = lineOf(letter, kLength);
         for (int count = 0; count < kLines; ++count) {
           count % 3 == 0 ? report.printAndFlush(line) : report.print(line);
         }
       });
     }
   }
-  report.printAndFlush("");
-  const std::string text = written();
-  ASSERT_EQ(text.size(), 4U * kLines * 101);
-  for (size_t start = 0; start < text.size(); start += 101) {
-    std::string line(100, text[start]);
-    line.push_back('\n');
-    ASSERT_EQ(text.substr(start, 101), line);
+  const std::string printed = text();
+  ASSERT_EQ(printed.size(), 4U * kLines * (kLength + 1));
+  for (size_t start = 0; start < printed.size(); start += kLength + 1) {
+    ASSERT_EQ(printed.substr(start, kLength + 1), lineOf(printed[start], kLength));
   }
 }
 
-TEST(XRDefragReport, AReaderThatIsGoneIsNoReasonToStop) {
-  const auto previous = std::signal(SIGPIPE, SIG_IGN);
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  ::close(ends[0]);
-  std::FILE* stream = ::fdopen(ends[1], "w");
-  XRDefragReport report(stream);
-  const std::string line(1000, 'x');
-  for (int count = 0; count < 1000; ++count) {
-    report.print(line);
-    report.printAndFlush("y\n");
+}  // namespace
+
+TEST(XRDefragReport, APrintedLineLeavesWithTheNextFlushedOne) {
+  Reader reader;
+  XRDefragReport report(reader.sink());
+  report.print("READY\n");
+  EXPECT_EQ(reader.text(), "");
+  report.printAndFlush("SCAN,START\n");
+  EXPECT_EQ(reader.text(), "READY\nSCAN,START\n");
+}
+
+TEST(XRDefragReport, PrintedLinesLeaveAtTheEndAtTheLatest) {
+  Reader reader;
+  {
+    XRDefragReport(reader.sink()).print("READY\n");
   }
-  std::fclose(stream);
-  std::signal(SIGPIPE, previous);
+  EXPECT_EQ(reader.text(), "READY\n");
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    report.print("READY\n");
+  }
+  EXPECT_EQ(reader.text(), "READY\nREADY\n");
+}
+
+TEST(XRDefragReport, ManyPrintedLinesDoNotWaitForAFlushedOne) {
+  Reader reader;
+  XRDefragReport report(reader.sink());
+  report.print(lineOf('x', 200000));
+  EXPECT_EQ(reader.text().size(), 200001U);
+}
+
+TEST(XRDefragReport, OnATerminalEveryLineLeavesAtOnce) {
+  Reader reader;
+  XRDefragReport report(reader.sink(), XRDefragReport::Buffering::ByLine);
+  report.print("READY\n");
+  EXPECT_EQ(reader.text(), "READY\n");
+}
+
+TEST(XRDefragReport, LinesOfDifferentThreadsNeverMix) {
+  Reader reader;
+  XRDefragReport report(reader.sink());
+  expectWholeLinesFromFourThreads(report, [&] {
+    report.printAndFlush("");
+    return reader.text();
+  });
+}
+
+TEST(XRDefragReport, LinesOfDifferentThreadsNeverMixInTheBackground) {
+  Reader reader;
+  auto report = std::make_unique<XRDefragReport>(reader.sink());
+  report->writeInBackground();
+  expectWholeLinesFromFourThreads(*report, [&] {
+    report.reset();
+    return reader.text();
+  });
+}
+
+TEST(XRDefragReport, AReaderThatStopsDoesNotStopTheMainThread) {
+  Reader reader;
+  std::string expected;
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    reader.stop();
+    for (int count = 0; count < 1000; ++count) {
+      const std::string line = std::to_string(count) + lineOf('x', 1000);
+      report.printAndFlush(line);
+      expected += line;
+    }
+    EXPECT_EQ(reader.text(), "");
+    reader.goOn();
+  }
+  EXPECT_TRUE(reader.text() == expected);
+}
+
+TEST(XRDefragReport, ATaskWaitsForAReaderUntilItIsToEnd) {
+  Reader reader;
+  std::atomic<size_t> printed = 0;
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    reader.stop();
+    const std::string line = lineOf('x', 999);
+    std::jthread task([&](const std::stop_token& stop) {
+      while (!stop.stop_requested()) {
+        report.printAndFlush(line);
+        printed += line.size();
+      }
+    });
+    reader.waitUntilCalled();
+    size_t before = 0;
+    do {
+      before = printed;
+      std::this_thread::sleep_for(50ms);
+    } while (before == 0 || printed != before);
+    // What the sink holds, what waits for it, and the line that is being printed.
+    EXPECT_LE(printed, 2 * XRDefragReport::kBacklogBytes + 2 * line.size());
+    task.request_stop();
+    report.stopWaiting();
+    task.join();
+    reader.goOn();
+  }
+  EXPECT_EQ(reader.text().size(), printed);
+}
+
+TEST(XRDefragReport, TellsWhenThereIsRoom) {
+  Reader reader;
+  std::atomic<int> calls = 0;
+  const auto call = [&] { ++calls; };
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    report.whenThereIsRoom(call);
+    EXPECT_EQ(calls, 1);
+    reader.stop();
+    report.printAndFlush("one\n");
+    reader.waitUntilCalled();
+    report.printAndFlush(lineOf('x', XRDefragReport::kBacklogBytes));
+    report.whenThereIsRoom(call);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(calls, 1);
+    reader.goOn();
+  }
+  EXPECT_EQ(calls, 2);
+}
+
+TEST(XRDefragReport, TellsNobodyAboutRoomOnceTheToolIsToEnd) {
+  Reader reader;
+  std::atomic<int> calls = 0;
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    reader.stop();
+    report.printAndFlush("one\n");
+    reader.waitUntilCalled();
+    report.printAndFlush(lineOf('x', XRDefragReport::kBacklogBytes));
+    report.whenThereIsRoom([&] { ++calls; });
+    report.stopWaiting();
+    reader.goOn();
+  }
+  EXPECT_EQ(calls, 0);
 }
 
 TEST(OutputSafeString, BackslashesCommasAndNulsAreEscaped) {

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "LWKit/LWStringUtilities.hpp"
+#include "XRDefragReport.hpp"
 #include "support/doubles/MemoryDevice.hpp"
 
 namespace {
@@ -123,6 +124,7 @@ class XRDefragToolApplicationTest : public testing::Test {
         },
         _ends[0]);
     EXPECT_EQ(application.run(), 0);
+    XRDefragReport::shared().printAndFlush("");
     return testing::internal::GetCapturedStdout();
   }
 

@@ -1,0 +1,43 @@
+#include "Platform/PlatformOutput.hpp"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+void PlatformOutput::write(std::string_view lines) {
+  if (_lineIsCutOff && _writeSome("\n") == 0) {
+    return;
+  }
+  _lineIsCutOff = false;
+  char last = '\n';
+  while (!lines.empty()) {
+    const size_t count = _writeSome(lines);
+    if (count == 0) {
+      _lineIsCutOff = last != '\n';
+      return;
+    }
+    last = lines[count - 1];
+    lines.remove_prefix(count);
+  }
+}
+
+/// Writes as many bytes as go out at once, at least one; 0 when none ever will.
+size_t PlatformOutput::_writeSome(std::string_view bytes) const {
+  for (;;) {
+    const ssize_t count = ::write(_descriptor, bytes.data(), bytes.size());
+    if (count >= 0) {
+      return static_cast<size_t>(count);
+    }
+    if (errno == EAGAIN) {
+      pollfd room{.fd = _descriptor, .events = POLLOUT, .revents = 0};
+      static_cast<void>(::poll(&room, 1, -1));
+    } else if (errno != EINTR) {
+      return 0;
+    }
+  }
+}
+
+bool PlatformOutput::isTerminal() const {
+  return ::isatty(_descriptor) != 0;
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+/// A descriptor to write lines of text to, whatever it is: it may be slow, set by somebody else not
+/// to wait, or gone. The descriptor is not owned. Used by one thread at a time.
+class PlatformOutput {
+ public:
+  explicit PlatformOutput(int descriptor) : _descriptor(descriptor) {}
+
+  /// Writes whole lines, waiting for as long as there is no room for them. What cannot be written,
+  /// since the reader is gone or the disk is full, is lost; but no line ever continues one that was
+  /// cut off by that.
+  void write(std::string_view lines);
+
+  /// Whether the descriptor is a terminal.
+  bool isTerminal() const;
+
+ private:
+  size_t _writeSome(std::string_view bytes) const;
+
+  int _descriptor;
+  bool _lineIsCutOff = false;
+};
