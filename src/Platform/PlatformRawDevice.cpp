@@ -36,6 +36,12 @@ std::expected<void, int> lockDescriptor(int descriptor, int operation) {
   return {};
 }
 
+/// What opening something that is neither a block device nor a file, or asking it for its sectors,
+/// would answer.
+int errorOfNoDevice(mode_t mode) {
+  return S_ISDIR(mode) ? EISDIR : S_ISSOCK(mode) ? ENXIO : ENOTTY;
+}
+
 /// Whoever probes new devices locks them for a moment; that is not a user of the device.
 std::expected<void, int> lockBlockDevice(int descriptor, int operation) {
   for (int tries = kLockTries; tries > 1; --tries) {
@@ -113,7 +119,7 @@ std::expected<std::shared_ptr<PlatformRawDevice>, int> PlatformRawDevice::open(
     return std::unexpected(errno);
   }
   if (!S_ISBLK(status.st_mode) && !S_ISREG(status.st_mode)) {
-    return std::unexpected(S_ISDIR(status.st_mode) ? EISDIR : ENOTBLK);
+    return std::unexpected(errorOfNoDevice(status.st_mode));
   }
   const bool blockDevice = S_ISBLK(status.st_mode);
   std::shared_ptr<PlatformRawDevice> device(new PlatformRawDevice);

@@ -28,7 +28,7 @@ class PlatformRawDevice final : public PlatformDevice {
   };
 
   /// Opens the device at a path. Errors: EBUSY when somebody else holds it, EACCES when it may not
-  /// even be read, EISDIR for a directory, ENOTBLK for anything else without blocks to address.
+  /// even be read, EISDIR for a directory, ENXIO for a socket, ENOTTY for what else has no sectors.
   /// Returns at once for a FIFO and has no side effect on a character device.
   [[nodiscard]] static std::expected<std::shared_ptr<PlatformRawDevice>, int> open(
       const std::string& path, Access access);

@@ -3,14 +3,17 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <system_error>
 
@@ -43,19 +46,68 @@ void closeDescriptor(int& descriptor) {
   }
 }
 
-int openInput(const ProgramSetup& setup, Pipe& pipe) {
+/// The program's end of its input; ours in `ourEnd` where there is one.
+int openInput(const ProgramSetup& setup, int& ourEnd) {
   switch (setup.input) {
-    case ProgramSetup::Input::Pipe:
-      pipe = makePipe();
+    case ProgramSetup::Input::Pipe: {
+      const Pipe pipe = makePipe();
+      ourEnd = pipe.writeEnd;
       return pipe.readEnd;
+    }
     case ProgramSetup::Input::Nothing:
       return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     case ProgramSetup::Input::File:
       return ::open(setup.inputFile.c_str(), O_RDONLY | O_CLOEXEC);
+    case ProgramSetup::Input::Terminal: {
+      int terminal = -1;
+      if (::openpty(&ourEnd, &terminal, nullptr, nullptr, nullptr) != 0) {
+        fail("openpty");
+      }
+      ::fcntl(ourEnd, F_SETFD, FD_CLOEXEC);
+      ::fcntl(terminal, F_SETFD, FD_CLOEXEC);
+      termios attributes{};
+      ::tcgetattr(terminal, &attributes);
+      attributes.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+      attributes.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+      ::tcsetattr(terminal, TCSANOW, &attributes);
+      return terminal;
+    }
     case ProgramSetup::Input::Closed:
       break;
   }
   return -1;
+}
+
+/// The program's end of its output; ours in `ourEnd` where there is one.
+int openOutput(const ProgramSetup& setup, int& ourEnd) {
+  constexpr int kCreate = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+  switch (setup.output) {
+    case ProgramSetup::Output::Pipe:
+    case ProgramSetup::Output::PipeThatDoesNotWait: {
+      const Pipe pipe = makePipe();
+      ourEnd = pipe.readEnd;
+      if (setup.output == ProgramSetup::Output::PipeThatDoesNotWait) {
+        ::fcntl(pipe.writeEnd, F_SETFL, O_NONBLOCK);
+      }
+      if (setup.outputPipeBytes > 0) {
+        ::fcntl(pipe.writeEnd, F_SETPIPE_SZ, setup.outputPipeBytes);
+      }
+      return pipe.writeEnd;
+    }
+    case ProgramSetup::Output::File:
+      return ::open(setup.outputFile.c_str(), kCreate, 0600);
+    case ProgramSetup::Output::Closed:
+      break;
+  }
+  return -1;
+}
+
+void putInPlace(int descriptor, int place) {
+  if (descriptor >= 0) {
+    ::dup2(descriptor, place);
+  } else {
+    ::close(place);
+  }
 }
 
 std::vector<char*> pointers(std::vector<std::string>& strings) {
@@ -88,6 +140,22 @@ void becomeNobody() {
   }
 }
 
+/// Makes a new process what the setup says.
+void takeSettings(const ProgramSetup& setup) {
+  for (const int number : setup.ignoredSignals) {
+    std::signal(number, SIG_IGN);
+  }
+  sigset_t blocked;
+  ::sigemptyset(&blocked);
+  for (const int number : setup.blockedSignals) {
+    ::sigaddset(&blocked, number);
+  }
+  ::sigprocmask(SIG_BLOCK, &blocked, nullptr);
+  if (setup.user == ProgramSetup::User::Nobody) {
+    becomeNobody();
+  }
+}
+
 }  // namespace
 
 ProgramRunner::ProgramRunner(std::vector<std::string> arguments) {
@@ -103,9 +171,9 @@ ProgramRunner::ProgramRunner(const ProgramSetup& setup) {
 void ProgramRunner::start(const ProgramSetup& setup) {
   // By descriptor: nobody may not be allowed to walk to where the tests were built.
   int program = ::open(setup.program.c_str(), O_PATH | O_CLOEXEC);
-  Pipe inputPipe;
-  int input = openInput(setup, inputPipe);
-  Pipe outputPipe = makePipe();
+  const bool onTerminal = setup.input == ProgramSetup::Input::Terminal;
+  int input = openInput(setup, _input);
+  int output = onTerminal ? input : openOutput(setup, _output);
   _diagnostics = ::memfd_create("diagnostics", MFD_CLOEXEC);
   if (program < 0 || _diagnostics < 0) {
     fail(setup.program.c_str());
@@ -121,29 +189,21 @@ void ProgramRunner::start(const ProgramSetup& setup) {
     fail("fork");
   }
   if (_process == 0) {
-    if (input >= 0) {
-      ::dup2(input, STDIN_FILENO);
-    } else {
-      ::close(STDIN_FILENO);
-    }
-    if (setup.outputClosed) {
-      ::close(STDOUT_FILENO);
-      ::close(STDERR_FILENO);
-    } else {
-      ::dup2(outputPipe.writeEnd, STDOUT_FILENO);
-      ::dup2(_diagnostics, STDERR_FILENO);
-    }
-    if (setup.user == ProgramSetup::User::Nobody) {
-      becomeNobody();
-    }
+    putInPlace(input, STDIN_FILENO);
+    putInPlace(output, STDOUT_FILENO);
+    putInPlace(output >= 0 ? _diagnostics : -1, STDERR_FILENO);
+    takeSettings(setup);
     ::fexecve(program, argv.data(), envp.data());
     ::_exit(kCannotStart);
   }
   closeDescriptor(program);
-  closeDescriptor(input);
-  closeDescriptor(outputPipe.writeEnd);
-  _input = inputPipe.writeEnd;
-  _output = outputPipe.readEnd;
+  if (onTerminal) {
+    _terminal = input;
+    _output = ::fcntl(_input, F_DUPFD_CLOEXEC, 0);
+  } else {
+    closeDescriptor(input);
+    closeDescriptor(output);
+  }
 }
 
 ProgramRunner::~ProgramRunner() {
@@ -154,6 +214,7 @@ ProgramRunner::~ProgramRunner() {
     reap(0);
   }
   closeDescriptor(_diagnostics);
+  closeDescriptor(_terminal);
 }
 
 void ProgramRunner::write(std::string_view bytes) {
@@ -267,6 +328,27 @@ int ProgramRunner::waitForExit(Timeout timeout) {
     }
   }
   return *_exitStatus;
+}
+
+bool ProgramRunner::waitUntilClosed(std::string_view path, Timeout timeout) const {
+  const std::string folder = "/proc/" + std::to_string(_process) + "/fd";
+  const auto isOpen = [&] {
+    std::error_code gone;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, gone)) {
+      if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+        return true;
+      }
+    }
+    return false;
+  };
+  const auto deadline = Clock::now() + timeout;
+  while (isOpen()) {
+    if (Clock::now() >= deadline) {
+      return false;
+    }
+    ::poll(nullptr, 0, 2);
+  }
+  return true;
 }
 
 bool ProgramRunner::isRunning() {

@@ -12,17 +12,24 @@
 
 /// How a ProgramRunner starts its program.
 struct ProgramSetup {
-  /// What the program's standard input is.
-  enum class Input { Pipe, Nothing, File, Closed };
+  /// What the program's standard input is. With Terminal it is its standard output as well; the
+  /// terminal echoes nothing and changes nothing of what is written.
+  enum class Input { Pipe, Nothing, File, Closed, Terminal };
+  /// What its standard output is. One that does not wait is a pipe with O_NONBLOCK set.
+  enum class Output { Pipe, PipeThatDoesNotWait, File, Closed };
   /// Whose rights it has. Nobody takes effect only when the tests run as root.
   enum class User { Same, Nobody };
 
   std::vector<std::string> arguments = {};
   Input input = Input::Pipe;
   std::string inputFile = {};  // for Input::File
+  Output output = Output::Pipe;
+  std::string outputFile = {};  // for Output::File
+  int outputPipeBytes = 0;      // what the pipe holds, in whole pages; 0 for as much as usual
   User user = User::Same;
   std::map<std::string, std::string> environment = {};  // added to the tests' own
-  bool outputClosed = false;  // the program starts without standard output and error
+  std::vector<int> ignoredSignals = {};  // as a shell does for what it starts in the background
+  std::vector<int> blockedSignals = {};
   std::string program = XRDEFRAG_PROGRAM;
 };
 
@@ -54,7 +61,7 @@ class ProgramRunner {
   void write(std::string_view bytes);
   void writeLine(std::string_view line);
 
-  /// Ends the program's standard input.
+  /// Ends the program's standard input, unless that is a terminal: write its end of file there.
   void closeInput();
 
   /// Stops listening: what the program writes from now on fails.
@@ -74,6 +81,10 @@ class ProgramRunner {
   /// Waits for the program's end and returns its exit status. Output is read meanwhile, and kept.
   int waitForExit(Timeout timeout = kPatience);
 
+  /// Waits, reading nothing, until the program no longer has this file open; false when
+  /// time is over.
+  bool waitUntilClosed(std::string_view path, Timeout timeout = kPatience) const;
+
   bool isRunning();
 
   /// What the program has written to standard error so far.
@@ -83,6 +94,9 @@ class ProgramRunner {
   std::string processStatus(std::string_view field) const;
 
   pid_t processID() const { return _process; }
+
+  /// The program's end of its terminal, which stays open here for a look at its settings.
+  int terminal() const { return _terminal; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -96,6 +110,7 @@ class ProgramRunner {
   int _input = -1;
   int _output = -1;
   int _diagnostics = -1;
+  int _terminal = -1;
   std::string _received;
   size_t _taken = 0;  // bytes of _received that have been handed out
   std::optional<int> _exitStatus;

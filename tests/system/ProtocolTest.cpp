@@ -3,72 +3,19 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <thread>
 
-#include "support/VolumeBuilder.hpp"
-#include "support/VolumeChecker.hpp"
-#include "support/VolumePresets.hpp"
-#include "system/ProgramRunner.hpp"
+#include "system/ProtocolSuite.hpp"
 
 namespace {
 
-namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 /// Long enough for the program to have said what it had to say.
 constexpr auto kSilence = 300ms;
 
-/// A folder of the suite's own with one volume that no test changes.
-class ProtocolTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    std::string name = fs::temp_directory_path() / "ProtocolTest.XXXXXX";
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    folder = name;
-    volume = folder / "volume.hfs";
-    support::buildVolume(support::demoVolume(1), volume);
-  }
-  static void TearDownTestSuite() { fs::remove_all(folder); }
-
-  /// A copy of the volume that a test may change.
-  static std::string scratchVolume() {
-    const fs::path path = folder / "scratch.hfs";
-    fs::copy_file(volume, path, fs::copy_options::overwrite_existing);
-    return path;
-  }
-
-  static std::string writeFile(const char* name, std::string_view text) {
-    const fs::path path = folder / name;
-    std::ofstream(path) << text;
-    return path;
-  }
-
-  /// All that the program prints for these words and this input, once it has ended with status 0.
-  static Lines transcript(Lines arguments, std::string_view input) {
-    ProgramRunner program(std::move(arguments));
-    program.write(input);
-    program.closeInput();
-    Lines lines = program.readAll();
-    EXPECT_EQ(program.waitForExit(), 0);
-    EXPECT_EQ(program.diagnostics(), "");
-    return lines;
-  }
-
-  /// The volume's files are what they were, and it breaks no rule.
-  static void expectIntact(const std::string& path) {
-    const auto before = volumecheck::checkVolumeFile(volume);
-    const auto after = volumecheck::checkVolumeFile(path);
-    EXPECT_TRUE(after.findings.empty()) << after.report();
-    EXPECT_EQ(volumecheck::compareVolumes(before.truth, after.truth), Lines{});
-  }
-
-  static inline fs::path folder;
-  static inline std::string volume;
-};
+class ProtocolTest : public ProtocolSuite {};
 
 bool contains(const Lines& lines, std::string_view line) {
   return std::ranges::find(lines, line) != lines.end();
@@ -256,7 +203,7 @@ TEST_F(ProtocolTest, WithoutStandardOutputNothingIsWrittenToTheVolume) {
   const std::string path = scratchVolume();
   ProgramSetup setup;
   setup.arguments = {path};
-  setup.outputClosed = true;
+  setup.output = ProgramSetup::Output::Closed;
   setup.environment = {{"LWDebugLevel", "debug_more"}};
   ProgramRunner program(setup);
   program.write("FRAGINFO\nfoo\nSCAN\nQUIT\n");

@@ -79,9 +79,9 @@ TEST(PlatformRawDevice, WhatHasNoBlocksIsRefusedWithoutBeingOpened) {
   const ScratchFile file(0);
   const std::string fifo = file.directory() / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  EXPECT_EQ(errorOfOpening(fifo), ENOTBLK);
-  EXPECT_EQ(errorOfOpening(fifo, Access::Shared), ENOTBLK);
-  EXPECT_EQ(errorOfOpening("/dev/null"), ENOTBLK);
+  EXPECT_EQ(errorOfOpening(fifo), ENOTTY);
+  EXPECT_EQ(errorOfOpening(fifo, Access::Shared), ENOTTY);
+  EXPECT_EQ(errorOfOpening("/dev/null"), ENOTTY);
   EXPECT_EQ(errorOfOpening(file.directory()), EISDIR);
   EXPECT_EQ(errorOfOpening(file.directory() / "missing"), ENOENT);
   EXPECT_EQ(errorOfOpening(file.path() + "/below"), ENOTDIR);
@@ -96,7 +96,7 @@ TEST(PlatformRawDevice, ASocketIsRefused) {
   path.copy(address.sun_path, path.size());
   const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_EQ(::bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  EXPECT_EQ(errorOfOpening(path), ENOTBLK);
+  EXPECT_EQ(errorOfOpening(path), ENXIO);
   ::close(descriptor);
 }
 

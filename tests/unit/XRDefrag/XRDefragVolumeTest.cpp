@@ -155,7 +155,7 @@ TEST(XRDefragVolume, WhatCannotBeOpenedHasItsMessage) {
   const ScratchFile file(0);
   const std::string missing = file.directory() / "missing";
   EXPECT_EQ(messageOfOpening(missing), "Unable to open " + missing + ". An error 2 occurred.");
-  EXPECT_EQ(messageOfOpening("/dev/null"), "Unable to open /dev/null. An error 15 occurred.");
+  EXPECT_EQ(messageOfOpening("/dev/null"), "Unable to open /dev/null. An error 25 occurred.");
   EXPECT_EQ(messageOfOpening(file.directory()),
             "Unable to open " + file.directory().string() + ". An error 21 occurred.");
 }
