@@ -206,9 +206,6 @@ auto HFSPlusCopyEngine::_fillZone(uint32_t zoneBlocks) -> Result<Outcome> {
     }
     const bool isExtentsFile = source->cnid == kHFSExtentsFileID;
     if (isExtentsFile && !extentsFile) {
-      if (placed > 0) {
-        break;  // it begins a batch, so that planning anew starts with it
-      }
       extentsFile = TRY(HFSPlusForkExtents::open(_volume, source->cnid, source->fork));
     }
     const uint32_t count = TRY(_placeSource(*source, room - placed));
@@ -223,21 +220,22 @@ auto HFSPlusCopyEngine::_fillZone(uint32_t zoneBlocks) -> Result<Outcome> {
     _fruitlessBuilds = 0;
   }
   if (extentsFile && extentsFile->editedDescriptorCount() > kHFSPlusExtentDensity) {
-    TRY(_planAnew(front, sound));
+    TRY(_planUpTo(sound, front));
     return Outcome::MapRebuilt;
   }
   return Outcome::GoOn;
 }
 
 /// Forgets a plan that would leave the extents file in more pieces than the header can hold, for
-/// one that ends where it would not; if there is no such place, the file stays where it is.
-Result<> HFSPlusCopyEngine::_planAnew(uint32_t front, uint32_t soundBlocks) {
+/// the beginning of it that would not; if that is nothing, the file stays where it is.
+Result<> HFSPlusCopyEngine::_planUpTo(uint32_t soundBlocks, uint32_t front) {
+  const HFSPlusExtentMapEntry first = _copyList.entries().front().entry;
   _copyList.disposeCopyList();
-  _mode.startOver({kHFSExtentsFileID, kHFSDataForkType});
-  _fillLimit = soundBlocks > 0 ? soundBlocks : UINT32_MAX;
+  _mode.startOver({first.cnid, first.info.forkType});
   if (soundBlocks == 0) {
     return _leaveExtentsFile(front);
   }
+  _fillLimit = soundBlocks;
   return _rebuildMap(front);
 }
 

@@ -59,7 +59,7 @@ class HFSPlusCopyEngine {
   Result<> _carryOut();
   uint32_t _blocksFrom(uint32_t entry) const;
   Result<> _planHalf(uint32_t entry);
-  Result<> _planAnew(uint32_t front, uint32_t soundBlocks);
+  Result<> _planUpTo(uint32_t soundBlocks, uint32_t front);
   Result<> _leaveExtentsFile(uint32_t front);
 
   HFSPlusVolume& _volume;
