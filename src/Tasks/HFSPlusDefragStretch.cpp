@@ -10,6 +10,7 @@
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusForkWalk.hpp"
+#include "HFSPlus/HFSPlusJournal.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "Tasks/HFSPlusBlockMarking.hpp"
@@ -20,13 +21,6 @@ namespace {
 constexpr size_t kMostBeyond = 0x40000;
 
 constexpr HFSPlusExtentInfo kImmutable{0, kHFSDataForkType, kHFSPlusExtentImmutable};
-
-// The journal info block: where its fields lie.
-constexpr size_t kJournalInfoBytes = 180;
-constexpr size_t kJournalFlagsOffset = 0;
-constexpr size_t kJournalOffsetOffset = 36;
-constexpr size_t kJournalSizeOffset = 44;
-constexpr uint32_t kJournalInVolumeMask = 1;
 
 XRDefragError blockOutOfRange(uint64_t block) {
   return XRDefragError::localized("Allocation block %1$lu is out of range.", block);
@@ -99,25 +93,21 @@ Result<> HFSPlusDefragStretch::_insertJournal() {
   if (!_volume.isJournaled()) {
     return {};
   }
-  const HFSPlusVolumeHeader& header = _volume.hostVolumeHeader();
-  const uint64_t blockSize = header.blockSize;
   const uint32_t infoFileID = TRY(_fileIDForPath("/.journal_info_block"));
-  TRY(_insertExtent(header.journalInfoBlock, 1, infoFileID, kImmutable));
+  TRY(_insertExtent(_volume.hostVolumeHeader().journalInfoBlock, 1, infoFileID, kImmutable));
 
-  std::vector<std::byte> info(std::max<size_t>(_volume.deviceBlockSize(), kJournalInfoBytes));
-  TRY(_volume.read(info, header.journalInfoBlock * blockSize));
-  if ((readBigEndian<uint32_t>(&info[kJournalFlagsOffset]) & kJournalInVolumeMask) == 0) {
+  const std::optional<HFSPlusJournal> journal = TRY(HFSPlusFindJournal(_volume));
+  if (!journal) {
     return {};
   }
-  const auto offset = readBigEndian<uint64_t>(&info[kJournalOffsetOffset]);
-  const auto size = readBigEndian<uint64_t>(&info[kJournalSizeOffset]);
-  const uint64_t volumeBytes = header.totalBlocks * blockSize;
-  if (offset > volumeBytes || size > volumeBytes) {
-    return std::unexpected(blockOutOfRange(std::max(offset, size) / blockSize));
+  if (journal->hasTransactions) {
+    // Whoever mounts the volume would write them over what the run has written.
+    return std::unexpected(XRDefragError::localized("Volume is inconsistent."));
   }
-  const uint64_t count = (blockSize - 1 + offset % blockSize + size) / blockSize;
+  const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
+  const uint64_t count = (blockSize - 1 + journal->offset % blockSize + journal->size) / blockSize;
   const uint32_t journalFileID = TRY(_fileIDForPath("/.journal"));
-  return _insertExtent(offset / blockSize, count, journalFileID, kImmutable);
+  return _insertExtent(journal->offset / blockSize, count, journalFileID, kImmutable);
 }
 
 Result<> HFSPlusDefragStretch::_insertBadBlocks() {

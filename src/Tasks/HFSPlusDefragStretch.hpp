@@ -33,8 +33,9 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   const HFSPlusFileForkSet& immutableFileForks() const { return _immutableFileForks; }
 
   /// Builds the map from a block on. Fails with "Overflow extent record missing.", "Allocation
-  /// block %1$lu is out of range.", the overlapping-extent message, when cancelled, and with the
-  /// errors of the trees and the bitmap.
+  /// block %1$lu is out of range.", the overlapping-extent message, "Volume is inconsistent." when
+  /// the journal has transactions in it, when cancelled, and with the errors of the trees and the
+  /// bitmap.
   [[nodiscard]] Result<> build(uint32_t startBlock);
 
   /// The map; empty before the first build().

@@ -89,6 +89,53 @@ TEST(HFSPlusDefragStretch, TheJournalIsImmutable) {
   EXPECT_EQ(journalBlocks, 16u);
 }
 
+/// A journaled volume of which the journal's header says what `edit` makes of it.
+support::BuiltVolume journaledVolume(const std::function<void(std::span<std::byte>)>& edit,
+                                     uint32_t infoFlags = 1) {
+  support::VolumeDescription description = plainStretchVolume();
+  description.addJournal(64 * 1024);
+  support::BuiltVolume built = support::buildVolume(description);
+  const auto firstBlockOf = [&](const support::FileDescription* file) {
+    const uint32_t block = built.fork(file->id, kHFSDataForkType)->extents.at(0).start;
+    return std::span(built.image).subspan(uint64_t{block} * built.blockSize, built.blockSize);
+  };
+  writeBigEndian(firstBlockOf(description.journalInfoFile).data(), infoFlags);
+  edit(firstBlockOf(description.journalFile));
+  return built;
+}
+
+std::string messageOfBuilding(support::BuiltVolume built) {
+  Setting setting(std::move(built));
+  setting.stretch->setImmutableFileForks(*setting.volume->immutableForkIDs(true));
+  return messageOf(setting.stretch->build(0));
+}
+
+TEST(HFSPlusDefragStretch, AJournalWithTransactionsIsRefused) {
+  constexpr size_t kStart = 8;
+  constexpr size_t kEnd = 16;
+  const auto withTransactions = [](std::span<std::byte> header) {
+    header[kEnd + 6] = header[kStart + 6] ^ std::byte{0x10};
+  };
+  EXPECT_EQ(messageOfBuilding(journaledVolume(withTransactions)), "Volume is inconsistent.");
+  const auto inOtherByteOrder = [](std::span<std::byte> header) {
+    std::ranges::reverse(header.first(4));
+    header[kEnd + 1] = header[kStart + 1] ^ std::byte{0x02};
+  };
+  EXPECT_EQ(messageOfBuilding(journaledVolume(inOtherByteOrder)), "Volume is inconsistent.");
+
+  // One that is to be initialised, or has no header, has none to write.
+  EXPECT_EQ(messageOfBuilding(journaledVolume(withTransactions, 5)), "");
+  const auto withoutHeader = [&](std::span<std::byte> header) {
+    withTransactions(header);
+    header[0] ^= std::byte{0xFF};
+  };
+  EXPECT_EQ(messageOfBuilding(journaledVolume(withoutHeader)), "");
+}
+
+TEST(HFSPlusDefragStretch, AJournalOnAnotherDeviceOwnsNothingHere) {
+  EXPECT_EQ(messageOfBuilding(journaledVolume([](std::span<std::byte>) {}, 2)), "");
+}
+
 TEST(HFSPlusDefragStretch, BadBlocksAreImmutableWhereverTheyAreListed) {
   for (const auto place :
        {support::BadBlocksPlace::overflowOnly, support::BadBlocksPlace::catalog}) {
