@@ -32,7 +32,7 @@ class Walk {
     std::string_view longName;
     Result<> (Walk::*take)(const std::string& option);
   };
-  static const std::array<Option, 5> kOptions;
+  static const std::array<Option, 6> kOptions;
 
   Result<> takeWord(const std::string& word) {
     for (const Option& option : kOptions) {
@@ -54,6 +54,11 @@ class Walk {
 
   Result<> takeQuit(const std::string&) {
     _line.quit = true;
+    return {};
+  }
+
+  Result<> takeHFSX(const std::string&) {
+    _line.hfsx = true;
     return {};
   }
 
@@ -96,11 +101,12 @@ class Walk {
   XRDefragCommandLine _line;
 };
 
-const std::array<Walk::Option, 5> Walk::kOptions = {{
+const std::array<Walk::Option, 6> Walk::kOptions = {{
     {"-h", "--help", &Walk::takeHelp},
     {"-i", "--interval", &Walk::takeInterval},
     {"-q", "--quit", &Walk::takeQuit},
     {"-s", "--strings", &Walk::takeStrings},
+    {"-x", "--hfsx", &Walk::takeHFSX},
     {"-L", "--lowpri", &Walk::takeLowPriority},
 }};
 

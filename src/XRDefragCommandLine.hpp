@@ -9,6 +9,7 @@
 struct XRDefragCommandLine {
   bool help = false;              // end at once, without a word
   bool quit = false;              // open and check the device, then end
+  bool hfsx = false;              // work on HFSX volumes, too
   double progressInterval = 1.0;  // seconds between two PROGRESS lines, positive
   std::string device;
 

@@ -7,7 +7,6 @@
 #include "LWKit/LWMainThread.hpp"
 #include "LWKit/LWStringUtilities.hpp"
 #include "Platform/PlatformProcess.hpp"
-#include "XRDefragCommandLine.hpp"
 #include "XRDefragReport.hpp"
 
 namespace {
@@ -52,7 +51,7 @@ Result<XRDefragToolApplication::Start> XRDefragToolApplication::_start(
     return Start::End;
   }
   _progressInterval = line.progressInterval;
-  _volume = TRY(_openVolume(line.device));
+  _volume = TRY(_openVolume(line));
   return line.quit ? Start::End : Start::Ready;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "LWKit/LWToolApplication.hpp"
+#include "XRDefragCommandLine.hpp"
 #include "XRDefragCommandSet.hpp"
 #include "XRDefragError.hpp"
 
@@ -18,9 +19,9 @@
 /// when none is left, the volume is closed and the loop ends. All on the main thread.
 class XRDefragToolApplication final : public LWToolApplication {
  public:
-  /// Opens the volume on a device.
+  /// Opens the volume that a command line names.
   using VolumeOpener =
-      std::function<Result<std::unique_ptr<XRDefragCommandSet>>(const std::string& device)>;
+      std::function<Result<std::unique_ptr<XRDefragCommandSet>>(const XRDefragCommandLine& line)>;
 
   XRDefragToolApplication(std::vector<std::string> arguments, VolumeOpener openVolume,
                           int inputDescriptor);

@@ -53,6 +53,8 @@ class VolumeCommands final : public XRDefragCommandSet {
 
 }  // namespace
 
-Result<std::unique_ptr<XRDefragCommandSet>> XRDefragOpenVolumeCommands(const std::string& device) {
-  return std::make_unique<VolumeCommands>(TRY(XRDefragOpenVolume(device)));
+Result<std::unique_ptr<XRDefragCommandSet>> XRDefragOpenVolumeCommands(
+    const XRDefragCommandLine& line) {
+  const auto hfsxVolumes = line.hfsx ? HFSXVolumes::Accepted : HFSXVolumes::Refused;
+  return std::make_unique<VolumeCommands>(TRY(XRDefragOpenVolume(line.device, hfsxVolumes)));
 }

@@ -71,15 +71,16 @@ HFSPlusVolume::HFSPlusVolume(const XRDefragVolume& device) : XRDefragVolume(devi
 
 HFSPlusVolume::~HFSPlusVolume() = default;
 
-Result<std::unique_ptr<HFSPlusVolume>> HFSPlusVolume::open(const XRDefragVolume& device) {
+Result<std::unique_ptr<HFSPlusVolume>> HFSPlusVolume::open(const XRDefragVolume& device,
+                                                           HFSXVolumes hfsxVolumes) {
   std::unique_ptr<HFSPlusVolume> volume(new HFSPlusVolume(device));
-  TRY(volume->_open());
+  TRY(volume->_open(hfsxVolumes));
   return volume;
 }
 
-Result<> HFSPlusVolume::_open() {
+Result<> HFSPlusVolume::_open(HFSXVolumes hfsxVolumes) {
   TRY(_readHeader());
-  TRY(_checkSignatureAndVersion());
+  TRY(_checkSignatureAndVersion(hfsxVolumes));
   TRY(_findInterruptedRun());
   TRY(_checkAttributes());
   TRY(_checkGeometry());
@@ -109,7 +110,7 @@ Result<> HFSPlusVolume::_readHeader() {
   return {};
 }
 
-Result<> HFSPlusVolume::_checkSignatureAndVersion() {
+Result<> HFSPlusVolume::_checkSignatureAndVersion(HFSXVolumes hfsxVolumes) {
   _version = _hostVolumeHeader.version;
   uint32_t supportedVersion = 0;
   if (_hostVolumeHeader.signature == kHFSPlusSigWord) {
@@ -119,8 +120,9 @@ Result<> HFSPlusVolume::_checkSignatureAndVersion() {
   } else if (_hostVolumeHeader.signature == kHFSXSigWord) {
     _name = "HFSX";
     _HFSX = true;
-    // Compared with the signature on purpose: HFSX volumes are recognised, but not worked on.
-    supportedVersion = kHFSXSigWord;
+    // Compared with the signature on purpose: unless they are asked for, HFSX volumes are
+    // recognised, but not worked on.
+    supportedVersion = hfsxVolumes == HFSXVolumes::Accepted ? kHFSXVersion : kHFSXSigWord;
   } else {
     return std::unexpected(XRDefragError::localized("Unsupported volume format."));
   }

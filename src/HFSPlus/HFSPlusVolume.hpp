@@ -24,6 +24,9 @@ class HFSPlusCatalogScanDelegate;
 class HFSPlusExtents;
 class HFSPlusFileForkSet;
 
+/// Whether an HFSX volume of version 5 is worked on, or recognised and refused.
+enum class HFSXVolumes { Refused, Accepted };
+
 /// The HFS Plus file system on a device: its header, its special files, the way from a fork's bytes
 /// to the device's, and the one place from which metadata reaches the device.
 ///
@@ -45,7 +48,8 @@ class HFSPlusVolume final : public XRDefragVolume,
 
   /// Opens the volume on a device, which it goes on sharing. Fails for an unsupported version, a
   /// volume that was not unmounted cleanly, and whatever its header or special files get wrong.
-  [[nodiscard]] static Result<std::unique_ptr<HFSPlusVolume>> open(const XRDefragVolume& device);
+  [[nodiscard]] static Result<std::unique_ptr<HFSPlusVolume>> open(
+      const XRDefragVolume& device, HFSXVolumes hfsxVolumes = HFSXVolumes::Refused);
 
   ~HFSPlusVolume() override;
 
@@ -127,9 +131,9 @@ class HFSPlusVolume final : public XRDefragVolume,
 
   explicit HFSPlusVolume(const XRDefragVolume& device);
 
-  Result<> _open();
+  Result<> _open(HFSXVolumes hfsxVolumes);
   Result<> _readHeader();
-  Result<> _checkSignatureAndVersion();
+  Result<> _checkSignatureAndVersion(HFSXVolumes hfsxVolumes);
   Result<> _checkAttributes();
   Result<> _checkGeometry() const;
   Result<> _findInterruptedRun();

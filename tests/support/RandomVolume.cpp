@@ -57,6 +57,7 @@ class RandomVolume {
   void drawTree(TreeDescription& tree, uint32_t leastNodeSize, uint32_t mostFragments);
   void drawFolders();
   void drawFiles();
+  void addTwin(FolderDescription& folder, const FileDescription& file);
   void drawLinks();
   void drawExtras();
   void drawBadBlocks();
@@ -176,7 +177,8 @@ void RandomVolume::drawFiles() {
     account(file.data);
   }
   for (uint32_t i = 0; i < count && used < _budget; ++i) {
-    FileDescription& file = anyFolder().addFile(randomName(_random, ++_names));
+    FolderDescription& folder = anyFolder();
+    FileDescription& file = folder.addFile(randomName(_random, ++_names));
     file.type = fourCharCode("TEXT");
     file.creator = fourCharCode("ttxt");
     if (!_random.chance(8))
@@ -186,7 +188,21 @@ void RandomVolume::drawFiles() {
       file.resource = drawFork(std::min(most / 2 + 1, _budget - used));
     account(file.resource);
     _files.push_back(&file);
+    addTwin(folder, file);
   }
+}
+
+// Where case tells names apart, some files have a neighbour whose name differs in nothing else.
+void RandomVolume::addTwin(FolderDescription& folder, const FileDescription& file) {
+  if (!_volume.binaryNames || !_random.chance(20))
+    return;
+  std::u16string name = file.name;
+  for (char16_t& unit : name) {
+    if ((unit >= u'a' && unit <= u'z') || (unit >= u'A' && unit <= u'Z'))
+      unit ^= u'a' ^ u'A';
+  }
+  if (name != file.name)
+    _files.push_back(&folder.addFile(name, fork(between(0, 5000))));
 }
 
 void RandomVolume::drawLinks() {

@@ -16,7 +16,7 @@ struct RandomVolumeOptions {
   std::optional<uint32_t> fillPercent;
   std::optional<bool> journaled;
   std::optional<bool> wrapper;
-  /// An HFSX volume (not every program takes one).
+  /// An HFSX volume, whose names fold or, as often, do not (not every program takes one).
   bool hfsx = false;
   /// Now and then blocks beyond a fork's last byte, which the format allows and some readers
   /// refuse.

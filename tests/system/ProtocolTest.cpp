@@ -56,6 +56,28 @@ TEST_F(ProtocolTest, TheCommandLineIsAnsweredAsItDeserves) {
   }
 }
 
+TEST_F(ProtocolTest, AnHFSXVolumeIsTakenOnlyWhenItIsAskedFor) {
+  for (const bool binaryNames : {false, true}) {
+    support::VolumeDescription description;
+    description.hfsx = true;
+    description.binaryNames = binaryNames;
+    description.root().addFile("Name", support::fork(100));
+    const std::string path = folder / "hfsx.hfs";
+    support::buildVolume(description, path);
+    EXPECT_EQ(transcript({path}, "SCAN\n"), Lines{"ERROR,HFSX version 5 is not supported."});
+    for (const char* option : {"-x", "--hfsx"}) {
+      const Lines lines = transcript({option, path}, "MAP -p /nAME\n");
+      ASSERT_EQ(lines.size(), 4u);
+      EXPECT_EQ(lines[0], "READY");
+      EXPECT_EQ(lines[1], "MAP,START");
+      EXPECT_TRUE(lines[2].starts_with(binaryNames ? "MAP,ERROR,Lookup failed for path /nAME."
+                                                   : "MAP,FILE,2,16,/Name,"))
+          << lines[2];
+      EXPECT_EQ(lines[3], "MAP,DONE");
+    }
+  }
+}
+
 TEST_F(ProtocolTest, QuitAsAnOptionChecksTheDeviceOnly) {
   EXPECT_EQ(transcript({"-q", "-L", volume}, "SCAN\n"), Lines{});
   EXPECT_EQ(transcript({"--quit", writeFile("empty", std::string(1 << 20, '\0'))}, ""),

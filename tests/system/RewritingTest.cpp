@@ -49,8 +49,10 @@ class Rewriting : public testing::Test {
   fs::path path(const std::string& name) const { return _folder / name; }
 
   /// Runs one command to its DONE line and ends the program.
-  static Lines run(const std::string& device, const std::string& command) {
-    ProgramRunner program({device});
+  Lines run(const std::string& device, const std::string& command) const {
+    Lines words = _options;
+    words.push_back(device);
+    ProgramRunner program(words);
     program.writeLine(command);
     const Lines lines =
         program.readUntil(command.substr(0, command.find(' ')) + ",DONE", std::chrono::minutes(5));
@@ -89,6 +91,7 @@ class Rewriting : public testing::Test {
   }
 
   fs::path _folder;
+  Lines _options;  // that the program is started with
   std::string _lastFragInfo;
 };
 
@@ -102,6 +105,8 @@ TEST_F(Rewriting, OutsideReadersFindEveryByteOfRandomVolumes) {
     options.mostBytes = 8 << 20;
     options.mostFiles = 60;
     options.fillPercent = kFills[seed % std::size(kFills)];
+    options.hfsx = seed % 4 == 3;
+    _options = options.hfsx ? Lines{seed % 8 == 3 ? "-x" : "--hfsx"} : Lines{};
     if (support::tryBuildVolume(support::randomVolume(seed, options), path("volume.hfs"))) {
       rewriteBothWays(path("volume.hfs"));
     }

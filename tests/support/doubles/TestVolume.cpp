@@ -35,8 +35,8 @@ Result<bool> TestVolume::probe() {
   return HFSPlusVolume::probe(device);
 }
 
-Result<> TestVolume::open() {
-  volume = TRY(HFSPlusVolume::open(device));
+Result<> TestVolume::open(HFSXVolumes hfsxVolumes) {
+  volume = TRY(HFSPlusVolume::open(device, hfsxVolumes));
   recording->clear();
   return {};
 }

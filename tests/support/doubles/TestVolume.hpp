@@ -33,7 +33,7 @@ struct TestVolume {
 
   Result<bool> probe();
   /// Opens the volume, or opens it anew.
-  Result<> open();
+  Result<> open(HFSXVolumes hfsxVolumes = HFSXVolumes::Refused);
 
   HFSPlusVolume& operator*() { return *volume; }
   HFSPlusVolume* operator->() { return volume.get(); }

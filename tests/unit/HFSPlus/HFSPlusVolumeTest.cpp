@@ -137,6 +137,46 @@ TEST(HFSPlusVolume, AnHFSXVolumeWhoseVersionIsItsSignatureOpens) {
   EXPECT_TRUE(volume->isHFSX());
 }
 
+TEST(HFSPlusVolume, AnHFSXVolumeOfVersionFiveOpensWhenItIsAskedFor) {
+  for (const bool binaryNames : {false, true}) {
+    for (const bool wrapper : {false, true}) {
+      support::VolumeDescription description = describe();
+      description.hfsx = true;
+      description.binaryNames = binaryNames;
+      description.wrapper = wrapper;
+      description.root().addFile("Name", support::fork(100));
+      TestVolume volume(support::buildVolume(description).image);
+      ASSERT_EQ(messageOf(volume.open(HFSXVolumes::Accepted)), "");
+      EXPECT_TRUE(volume->isHFSX());
+      const auto record = volume->catalog().copyRecordForPath("/nAME");
+      ASSERT_EQ(messageOf(record), "");
+      EXPECT_EQ(record->isFile(), !binaryNames);
+    }
+  }
+}
+
+TEST(HFSPlusVolume, AskingForHFSXVolumesChangesNothingElse) {
+  const auto messageOfAccepting = [](const EditHeader& edit) {
+    std::vector<std::byte> image = plainVolume().image;
+    doubles::editHeaders(image, edit);
+    return messageOf(TestVolume(image).open(HFSXVolumes::Accepted));
+  };
+  const auto makeHFSX = [](uint16_t version) {
+    return [version](auto& header) {
+      header.signature = kHFSXSigWord;
+      header.version = version;
+    };
+  };
+  EXPECT_EQ(messageOfAccepting([](auto&) {}), "");
+  EXPECT_EQ(messageOfAccepting([](auto& header) { header.version = 5; }),
+            "HFS Plus version 5 is not supported.");
+  EXPECT_EQ(messageOfAccepting(makeHFSX(4)), "HFSX version 4 is not supported.");
+  EXPECT_EQ(messageOfAccepting(makeHFSX(6)), "HFSX version 6 is not supported.");
+  EXPECT_EQ(messageOfAccepting(makeHFSX(kHFSXSigWord)), "HFSX version 18520 is not supported.");
+  EXPECT_EQ(messageOfAccepting([](auto& header) { header.signature = 0x4857; }),
+            "Unsupported volume format.");
+}
+
 TEST(HFSPlusVolume, OtherSignaturesAndVersionsAreRefused) {
   EXPECT_EQ(messageOfOpening([](auto& header) { header.signature = 0x1234; }),
             "Unsupported volume format.");

@@ -40,6 +40,7 @@ support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
   options.mostFiles = 40;
   options.fillPercent = fillPercent;
   options.strayRecords = true;
+  options.hfsx = seed % 5 == 3;
   return support::randomVolume(seed, options);
 }
 
@@ -49,7 +50,7 @@ std::optional<Image> reopen(const Image& image, std::vector<RecordingDevice::Rec
   const auto memory = std::make_shared<MemoryDevice>(image);
   const auto recording = std::make_shared<RecordingDevice>(memory);
   const XRDefragVolume device("/nowhere/volume", recording, false, true);
-  const auto volume = HFSPlusVolume::open(device);
+  const auto volume = HFSPlusVolume::open(device, HFSXVolumes::Accepted);
   if (!volume) {
     ADD_FAILURE() << volume.error().description();
     return std::nullopt;

@@ -118,9 +118,6 @@ TEST(HFSPlusScanTask, PrintsWhatTheCheckerReads) {
   for (const bool hfsx : {false, true}) {
     auto description = mixedVolume(hfsx ? 7 : 8);
     description.hfsx = description.binaryNames = hfsx;
-    if (hfsx) {
-      description.version = kHFSXSigWord;  // what the program takes for a volume of this kind
-    }
     OpenedVolume volume(description);
     EXPECT_EQ(sortedWithoutDates(scan(*volume)), expectedLines(volume.truth(), false));
     for (const char* option : {" --full-paths", " -f"}) {

@@ -41,6 +41,7 @@ support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
   options.spareBlocks = true;
   options.strayRecords = true;
   options.anomalies = true;
+  options.hfsx = seed % 4 == 3;
   return support::randomVolume(seed, options);
 }
 

@@ -83,7 +83,7 @@ RewritingRun::RewritingRun(support::BuiltVolume built)
 
 void RewritingRun::openThrough(const Wrap& wrap) {
   const XRDefragVolume device("/nowhere/volume", wrap(_device), false, true);
-  auto opened = HFSPlusVolume::open(device);
+  auto opened = HFSPlusVolume::open(device, HFSXVolumes::Accepted);
   ASSERT_TRUE(opened) << opened.error().description();
   _volume = std::move(*opened);
 }

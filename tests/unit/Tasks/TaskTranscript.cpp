@@ -26,7 +26,7 @@ void OpenedVolume::_open(std::vector<std::byte> image) {
   _truth = volumecheck::checkVolumeBytes(bytes, {.hashForks = false}).truth;
   const XRDefragVolume device("memory", std::make_shared<doubles::MemoryDevice>(image), false,
                               true);
-  auto volume = HFSPlusVolume::open(device);
+  auto volume = HFSPlusVolume::open(device, HFSXVolumes::Accepted);
   if (!volume) {
     LWPanic("%@\n", volume.error().description());
   }

@@ -56,9 +56,23 @@ TEST_F(XRDefragCommandLineTest, OptionsMayStandAnywhere) {
 }
 
 TEST_F(XRDefragCommandLineTest, TheFirstPlainWordIsTheDevice) {
-  EXPECT_EQ(parse({"-x", "/dev/a", "--unknown"})->device, "-x");
+  EXPECT_EQ(parse({"-z", "/dev/a", "--unknown"})->device, "-z");
+  EXPECT_EQ(parse({"-X", "/dev/a"})->device, "-X");
   EXPECT_EQ(parse({""})->device, "");
   EXPECT_EQ(parse({"-Q"})->device, "-Q");
+}
+
+TEST_F(XRDefragCommandLineTest, HFSXVolumesAreTakenOnlyWhenTheyAreAskedFor) {
+  EXPECT_FALSE(parse({"/dev/a"})->hfsx);
+  for (const char* hfsx : {"-x", "--hfsx"}) {
+    for (const auto& words : {std::vector<std::string>{hfsx, "/dev/a"}, {"/dev/a", hfsx}}) {
+      const auto line = parse(words);
+      ASSERT_TRUE(line.has_value());
+      EXPECT_TRUE(line->hfsx);
+      EXPECT_EQ(line->device, "/dev/a");
+    }
+    EXPECT_EQ(errorOf({hfsx}), "No device specified.");
+  }
 }
 
 TEST_F(XRDefragCommandLineTest, HelpEndsTheWalk) {
@@ -111,7 +125,7 @@ TEST_F(XRDefragCommandLineTest, AStringsFileThatFailsLeavesTheTranslationsAsThey
 TEST_F(XRDefragCommandLineTest, AnyWordsGiveTheMessageThatTheirOrderCallsFor) {
   const std::vector<std::string> kWords = {"-h", "--help", "-i",   "--interval", "-q", "--quit",
                                            "-s", "0",      "2.5s", "abc",        "",   "/dev/a",
-                                           "-x", "--",     "-1",   "1e3"};
+                                           "-x", "--hfsx", "-z",   "--",         "-1", "1e3"};
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
@@ -138,7 +152,7 @@ TEST_F(XRDefragCommandLineTest, AnyWordsGiveTheMessageThatTheirOrderCallsFor) {
         if (value != "2.5s" && value != "1e3") {
           expected = "Option " + word + " requires a positive time interval.";
         }
-      } else if (word != "-q" && word != "--quit" && !device) {
+      } else if (word != "-q" && word != "--quit" && word != "-x" && word != "--hfsx" && !device) {
         device = word;
       }
     }

@@ -115,10 +115,10 @@ class XRDefragToolApplicationTest : public testing::Test {
     testing::internal::CaptureStdout();
     XRDefragToolApplication application(
         words,
-        [this](const std::string& device) -> Result<std::unique_ptr<XRDefragCommandSet>> {
-          commands.openedDevices.push_back(device);
-          if (device == "broken") {
-            return std::unexpected(XRDefragError::localized("%1$@, it's broken.", device));
+        [this](const XRDefragCommandLine& line) -> Result<std::unique_ptr<XRDefragCommandSet>> {
+          commands.openedDevices.push_back(line.device);
+          if (line.device == "broken") {
+            return std::unexpected(XRDefragError::localized("%1$@, it's broken.", line.device));
           }
           return std::make_unique<TestCommandSet>(commands);
         },

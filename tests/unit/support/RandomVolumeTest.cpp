@@ -38,6 +38,27 @@ TEST(RandomVolume, EveryDrawOfAnHFSXVolumeIsConsistent) {
     EXPECT_EQ(findingsIn(buildVolume(randomVolume(seed, options))), "") << "seed " << seed;
 }
 
+TEST(RandomVolume, NamesOfHFSXVolumesMayDifferByCaseAlone) {
+  RandomVolumeOptions options = smallOptions();
+  options.hfsx = true;
+  int binary = 0, folding = 0, twins = 0;
+  for (uint64_t seed = 1; seed <= kSeeds / 3; ++seed) {
+    const VolumeDescription volume = randomVolume(seed, options);
+    (volume.binaryNames ? binary : folding) += 1;
+    std::set<std::u16string> names;
+    for (const FileDescription& file : volume.root().files()) {
+      std::u16string name = file.name;
+      std::ranges::transform(name, name.begin(), [](char16_t unit) {
+        return unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + 32) : unit;
+      });
+      twins += !names.insert(name).second;
+    }
+  }
+  EXPECT_GT(binary, 0);
+  EXPECT_GT(folding, 0);
+  EXPECT_GT(twins, 0);
+}
+
 TEST(RandomVolume, DrawsReachAllBlockSizesFillsAndShapes) {
   std::set<uint32_t> blockSizes;
   int full = 0, empty = 0, wrapped = 0, journaled = 0, manyPieces = 0, catalogOverflow = 0;
