@@ -1,6 +1,5 @@
 #include "HFSPlus/HFSPlusBootCacheProfile.hpp"
 
-#include <algorithm>
 #include <vector>
 
 #include "HFSPlus/HFSPlusBootCachePlaylist.hpp"
@@ -14,19 +13,13 @@
 namespace {
 
 constexpr std::string_view kPlaylistPath = "/private/var/db/BootCache.playlist";
-constexpr std::string_view kPlaylistName = "BootCache.playlist";
-
-bool isNamed(const HFSUniStr255& name, std::string_view ascii) {
-  const size_t length = std::min<size_t>(name.length, name.unicode.size());
-  return std::equal(name.unicode.begin(), name.unicode.begin() + length, ascii.begin(),
-                    ascii.end());
-}
+constexpr std::u16string_view kPlaylistName = u"BootCache.playlist";
 
 /// The playlist file's record. A lookup whose path ends early gives the deepest item found, which
 /// must not be taken for the playlist: hence the look at the name.
 Result<std::optional<HFSPlusCatalogFile>> findPlaylist(HFSPlusCatalog& catalog) {
   const HFSPlusCatalogRecord record = TRY(catalog.copyRecordForPath(kPlaylistPath));
-  if (!record.isFile() || !isNamed(record.key.nodeName, kPlaylistName)) {
+  if (!record.isFile() || !catalog.isNamed(record, kPlaylistName)) {
     return std::nullopt;
   }
   return record.file();

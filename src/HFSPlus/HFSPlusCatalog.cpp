@@ -227,10 +227,10 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordForKey(const HFSPlusCata
     found.u = toHost(*record.folder());
   } else if (record.type() == kHFSPlusFileRecord && record.file() != nullptr) {
     found.u = toHost(*record.file());
-  } else if (record.isThread()) {
-    return found;
-  } else {
+  } else if (record.type() == kHFSPlusFolderRecord || record.type() == kHFSPlusFileRecord) {
     return std::unexpected(inconsistent());
+  } else {
+    return found;  // a thread, or what nobody knows
   }
   found.type = record.type();
   found.key = hostKey(record.key);
@@ -268,6 +268,15 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForPath(std::string_view 
     parentID = found.itemID();
   }
   return deepest;
+}
+
+bool HFSPlusCatalog::isNamed(const HFSPlusCatalogRecord& record, std::u16string_view name) const {
+  std::u16string found;
+  for (size_t unit = 0; unit < record.key.nodeName.length; unit++) {
+    found += char16_t{record.key.nodeName.unicode[unit]};
+  }
+  const uint32_t parentID = record.key.parentID;
+  return compare(ItemKey(parentID, found).view(), ItemKey(parentID, name).view()) == 0;
 }
 
 Result<std::u16string> HFSPlusCatalog::_nameForComponent(std::string_view component) const {

@@ -54,6 +54,9 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   /// Fails with the two "Unicode path conversion failed." messages.
   [[nodiscard]] Result<HFSPlusCatalogRecord> copyRecordForPath(std::string_view utf8);
 
+  /// Whether a record that was found has this name, as the volume compares names.
+  bool isNamed(const HFSPlusCatalogRecord& record, std::u16string_view name) const;
+
   /// The path of a catalog node ID in UTF-8, beginning with "/"; empty for the root folder; a text
   /// in parentheses for a special file; nothing when the ID or one of its parents has no thread
   /// record. Fails with a path of 1024 units or more.

@@ -133,11 +133,7 @@ Result<> HFSPlusForkExtents::_readRecords() {
 }
 
 Result<HFSPlusExtentRecord> HFSPlusForkExtents::_overflowRecord(uint32_t startBlock) {
-  HFSPlusExtents& tree = _volume.extents();
-  if (tree.rootNode() == 0) {
-    return std::unexpected(_extentsNotFound());
-  }
-  const auto found = TRY(tree.copyExtentRecord(startBlock, _fileID, _forkType));
+  const auto found = TRY(_volume.extents().copyExtentRecord(startBlock, _fileID, _forkType));
   if (!found || found->startBlock != startBlock || !isValid(found->extents.front())) {
     return std::unexpected(_extentsNotFound());
   }

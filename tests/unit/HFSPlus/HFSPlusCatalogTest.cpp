@@ -183,6 +183,21 @@ TEST(HFSPlusCatalog, HFSXWithCaseFoldingTakesBothCasesForTheSame) {
   EXPECT_EQ(idAt(*catalog, "/ZOO"), 24U);
 }
 
+TEST(HFSPlusCatalog, ARecordsNameIsComparedAsTheVolumeComparesNames) {
+  for (const bool binaryNames : {false, true}) {
+    MemoryCatalog tree = smallTree();
+    tree.hfsx = tree.binaryNames = binaryNames;
+    tree.build();
+    const auto catalog = tree.open();
+    const auto record = catalog->copyRecordForPath("/Documents/Letters");
+    ASSERT_TRUE(record) << errorOf(record);
+    EXPECT_TRUE(catalog->isNamed(*record, u"Letters"));
+    EXPECT_EQ(catalog->isNamed(*record, u"lettERS"), !binaryNames);
+    EXPECT_FALSE(catalog->isNamed(*record, u"Letter"));
+    EXPECT_FALSE(catalog->isNamed(*record, u"Documents"));
+  }
+}
+
 TEST(HFSPlusCatalog, KeysOrderByParentFirst) {
   MemoryCatalog tree = smallTree();
   tree.build();
@@ -382,6 +397,24 @@ TEST(HFSPlusCatalog, ARecordTooShortForItsTypeIsInconsistent) {
   EXPECT_EQ(errorOf(catalog->copyRecordForPath("/stub")), kInconsistent);
   EXPECT_EQ(errorOf(catalog->copyRecordForPath("/stump")), kInconsistent);
   EXPECT_EQ(errorOf(catalog->iterateFolderID(2, delegate)), kInconsistent);
+  EXPECT_EQ(errorOf(catalog->updateForkExtents({}, 60, kHFSDataForkType, false)),
+            kVolumeInconsistent);
+}
+
+TEST(HFSPlusCatalog, ARecordOfATypeThatNobodyKnowsIsNoItem) {
+  MemoryCatalog tree = smallTree();
+  std::vector<std::byte> unknown(248);
+  writeBigEndian(unknown.data(), int16_t{5});
+  tree.addRecord(2, u"odd", unknown);
+  tree.addThread(60, kHFSPlusFileThreadRecord, 2, u"odd");
+  tree.build();
+  const auto catalog = tree.open();
+  for (const auto& record : {catalog->copyRecordForCNID(60), catalog->copyRecordForPath("/odd")}) {
+    ASSERT_TRUE(record) << errorOf(record);
+    EXPECT_EQ(record->type, 0);
+  }
+  HFSPlusFolderDelegate delegate;
+  EXPECT_TRUE(catalog->iterateFolderID(2, delegate));
   EXPECT_EQ(errorOf(catalog->updateForkExtents({}, 60, kHFSDataForkType, false)),
             kVolumeInconsistent);
 }

@@ -291,6 +291,59 @@ TEST(HFSPlusProfiles, AnotherItemOnTheWayIsNotThePlaylist) {
   expectAsPlain(applications.volume, "DEFRAG --profile app");
 }
 
+/// What the profiles look for, with other cases of letters, and whether it is found all the same.
+struct NameCase {
+  bool hfsx, binaryNames;
+  bool isFound() const { return !binaryNames; }
+};
+
+class ProfilesByNameOrder : public testing::TestWithParam<NameCase> {
+ protected:
+  static Shape shape(uint64_t seed) {
+    Shape shape = fragmentedShape(seed);
+    shape.volume.hfsx = GetParam().hfsx;
+    shape.volume.binaryNames = GetParam().binaryNames;
+    return shape;
+  }
+};
+
+TEST_P(ProfilesByNameOrder, ApplicationsAreFoundAsTheVolumeComparesNames) {
+  Shape applications = shape(14);
+  auto& folder = applications.volume.root().addFolder("aPPLICATIONS");
+  const uint32_t id = folder.addFile("x", support::fork(20000, 5)).id;
+  if (!GetParam().isFound()) {
+    expectAsPlain(applications.volume, "DEFRAG --profile app");
+    const uint32_t other =
+        applications.volume.root().addFolder("Applications").addFile("y", support::fork(9000)).id;
+    RewritingRun run(applications.volume);
+    expectDone(run.run("DEFRAG --profile app"));
+    EXPECT_EQ(run.firstForkOutOfOrder({{other, kHFSDataForkType}}), "");
+    EXPECT_EQ(run.faults(), "");
+    return;
+  }
+  RewritingRun run(applications.volume);
+  expectDone(run.run("DEFRAG --profile app"));
+  EXPECT_EQ(run.firstForkOutOfOrder({{id, kHFSDataForkType}}), "");
+  EXPECT_EQ(run.faults(), "");
+}
+
+TEST_P(ProfilesByNameOrder, ThePlaylistIsFoundAsTheVolumeComparesNames) {
+  Shape boot = shape(15);
+  const auto entries = someEntries(boot);
+  boot.volume.addPlaylist(entries).name = u"bOOTcACHE.PLAYlist";
+  if (!GetParam().isFound()) {
+    expectAsPlain(boot.volume, "DEFRAG --profile boot");
+    return;
+  }
+  RewritingRun run(boot.volume);
+  expectDone(run.run("DEFRAG --profile boot"));
+  EXPECT_EQ(run.firstForkOutOfOrder(bootOrder(run, entries)), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(NameOrder, ProfilesByNameOrder,
+                         testing::Values(NameCase{false, false}, NameCase{true, false},
+                                         NameCase{true, true}));
+
 /// Cancels the task that makes the n-th write.
 class CancellingDevice final : public PlatformDevice {
  public:
