@@ -98,6 +98,8 @@ class VolumeDescription {
   bool hasAttributesFile = true;
   ForkDescription startup;
   uint32_t allocationFragments = 1;
+  /// Blocks of the allocation file beyond those that there are bits for.
+  uint32_t spareBitmapBlocks = 0;
   std::vector<BlockExtent> allocationExtents;
 
   bool hfsx = false;

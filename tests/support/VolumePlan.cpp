@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kLayoutTries = 8;
 constexpr uint32_t kFewFreeNodes = 4;
+constexpr uint32_t kMostBlockSize = 1 << 24;
 
 bool isPowerBetween(uint32_t value, uint32_t least, uint32_t most) {
   return std::has_single_bit(value) && value >= least && value <= most;
@@ -69,8 +70,8 @@ std::string VolumePlan::make() {
 
 std::string VolumePlan::checkDescription() const {
   const VolumeDescription& d = _description;
-  if (!isPowerBetween(d.blockSize, 512, 65536))
-    return "the block size must be a power of two from 512 to 65536";
+  if (!isPowerBetween(d.blockSize, 512, kMostBlockSize))
+    return "the block size must be a power of two from 512 to 16777216";
   if (!isPowerBetween(d.extentsTree.nodeSize, 512, 32768) ||
       !isPowerBetween(d.catalog.nodeSize, 4096, 32768) ||
       !isPowerBetween(d.attributesTree.nodeSize, 4096, 32768))
@@ -294,7 +295,8 @@ void VolumePlan::decideGeometry() {
   _planned[allocation].blocks = 0;
   const uint64_t size = _description.size != 0 ? _description.size : neededSize();
   _geometry = VolumeGeometry::of(_description, size);
-  planSpecial(allocation, _geometry.bitmapSize(), _description.allocationFragments,
+  const uint64_t spare = uint64_t{_description.spareBitmapBlocks} * _description.blockSize;
+  planSpecial(allocation, _geometry.bitmapSize() + spare, _description.allocationFragments,
               _description.allocationExtents, 1);
 }
 

@@ -82,7 +82,7 @@ void printHelp() {
       "\n"
       "A plain volume:\n"
       "  --size N[K|M|G|T]        its size; without, what --fill makes of the files\n"
-      "  --block-size N           512 to 65536 (4096)\n"
+      "  --block-size N           512 to 16777216 (4096)\n"
       "  --fill PERCENT           how full it is (50)\n"
       "  --files N                how many files it has (200)\n"
       "  --file-size N[K|M|G]     their average size; without, what --size and --fill ask\n"
