@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/VolumePresets.hpp"
+#include "Tasks/HFSPlusMapTask.hpp"
+#include "Tasks/HFSPlusScanTask.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
+#include "unit/Tasks/TaskTranscript.hpp"
 
 namespace {
 
@@ -123,4 +125,42 @@ TEST(HFSPlusForeignVolumes, AnAlternateHeaderThatLagsIsBroughtUpToDate) {
   const auto image = run.device().image();
   EXPECT_TRUE(std::ranges::equal(std::span(image).subspan(1024, 512),
                                  std::span(image).subspan(alternate, 512)));
+}
+
+TEST(HFSPlusForeignVolumes, NamesThatAreNoTextAreListedAndTheirFilesMoved) {
+  const std::pair<std::u16string, std::string> names[] = {
+      {u"\xD800", "\uFFFD"},
+      {u"a\xDC00, b", "a\uFFFD\\, b"},
+      {u"\xDBFF\xDBFF\xDC00", "\uFFFD\U0010FC00"},
+      {u"\xF8FF\xE000", "\uF8FF\uE000"},
+      {std::u16string(u"nul\0unit", 8), "nul\\xC0\\x80unit"},
+      {u"/:\\", "::\\\\"},
+      {std::u16string(255, u'\xFFFE'), ""},
+  };
+  VolumeDescription description = fragmentedVolume(1024, 800, 8);
+  auto& folder = description.root().addFolder(u"d\xD801/r");
+  std::vector<std::pair<uint32_t, std::string>> printed;
+  for (const auto& [name, text] : names) {
+    std::string expected = text;
+    for (size_t unit = 0; text.empty() && unit < name.size(); ++unit) {
+      expected += "\uFFFE";
+    }
+    printed.emplace_back(folder.addFile(name, support::fork(5000, 3)).id, expected);
+  }
+  OpenedVolume volume(description);
+  const auto hasField = [](const Transcript& lines, const std::string& field) {
+    return std::ranges::any_of(
+        lines, [&](const std::string& line) { return line.contains("," + field + ","); });
+  };
+  const Transcript scan = transcriptOf<HFSPlusScanTask>(*volume, "SCAN");
+  const Transcript fullScan = transcriptOf<HFSPlusScanTask>(*volume, "SCAN -f");
+  for (const auto& [fileID, text] : printed) {
+    const std::string path = "/d\uFFFD:r/" + text;
+    EXPECT_TRUE(hasField(scan, text)) << text;
+    EXPECT_TRUE(hasField(fullScan, path)) << path;
+    EXPECT_TRUE(
+        hasField(transcriptOf<HFSPlusMapTask>(*volume, "MAP -i " + std::to_string(fileID)), path))
+        << path;
+  }
+  expectRewrites(description, {10, 0x40000});
 }
