@@ -71,7 +71,8 @@ TEST_F(CommandLine, WithoutAPlainWordThereIsNoDevice) {
 }
 
 TEST_F(CommandLine, OptionsAreExactWordsAndEverythingElseIsADevice) {
-  for (const char* word : {"-x", "--Help", "-H", "-l", "--interval=1", "-qL", "--", "-"}) {
+  for (const char* word :
+       {"-X", "--HFSX", "--Help", "-H", "-l", "--interval=1", "-qL", "--", "-"}) {
     EXPECT_EQ(answer({word}), errorOfDevice(word, ENOENT));
   }
 }
