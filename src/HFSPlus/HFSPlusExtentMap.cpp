@@ -219,11 +219,7 @@ Result<> HFSPlusExtentMap::removeToBlock(uint32_t block) {
 
 void HFSPlusExtentMap::_clipLastExtent() {
   const HFSPlusExtentMapEntry* entry = _map.last();
-  const uint32_t count = blockCountForEntry(entry);
-  if (_clipObserver && entry->info.type != kHFSPlusExtentUnalloced) {
-    _clipObserver(entry->start, count);
-  }
-  _blockCountForType[entry->info.type] -= count;
+  _blockCountForType[entry->info.type] -= blockCountForEntry(entry);
   _totalBlocks = entry->start;
   --_extentCount;
   _map.removeLast();

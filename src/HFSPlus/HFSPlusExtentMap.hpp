@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 
 #include "HFSPlus/HFSPlusPathLookup.hpp"
@@ -96,10 +95,6 @@ class HFSPlusExtentMap {
   /// Takes everything below a block off the map's front.
   [[nodiscard]] Result<> removeToBlock(uint32_t block);
 
-  /// Is told of every run with an owner that the map gives up for want of room.
-  using ClipObserver = std::function<void(uint32_t start, uint32_t count)>;
-  void setClipObserver(ClipObserver observer) { _clipObserver = std::move(observer); }
-
   /// Sets the capacity in bytes, 33 or more, and clips at once; 0 lifts the limit.
   void limitMemoryUsageTo(uint64_t bytes);
 
@@ -138,7 +133,6 @@ class HFSPlusExtentMap {
   uint32_t _totalBlocks;  // one past the last block covered
   uint32_t _dataBlockTotal = 0;
   std::array<uint32_t, 3> _blockCountForType{};
-  ClipObserver _clipObserver;
   uint64_t _extentCapacity = kDefaultCapacity;
   uint64_t _extentCount = 0;
   Map _map;

@@ -28,7 +28,8 @@ Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool com
 }
 
 /// Builds every stretch once, so that blocks of two owners are found, and blocks that are owned but
-/// not marked so are marked, before the first of them could be written on.
+/// not marked so are marked, before the first of them could be written on. Evicted data and the
+/// records of flushes go wherever the bitmap says that it is free, in this stretch or another.
 Result<> HFSPlusDefragPreparation::checkVolume() {
   _stretch.setImmutableFileForks(TRY(_volume.immutableForkIDs(true)));
   TRY(HFSPlusMarkUnlistedForks(_volume));

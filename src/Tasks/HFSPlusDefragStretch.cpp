@@ -1,7 +1,6 @@
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
 #include <algorithm>
-#include <limits>
 #include <vector>
 
 #include "HFSPlus/HFSPlusAllocation.hpp"
@@ -16,9 +15,6 @@
 #include "Tasks/HFSPlusBlockMarking.hpp"
 
 namespace {
-
-// Runs beyond the map that are remembered at most.
-constexpr size_t kMostBeyond = 0x40000;
 
 constexpr HFSPlusExtentInfo kImmutable{0, kHFSDataForkType, kHFSPlusExtentImmutable};
 
@@ -49,11 +45,7 @@ Result<> HFSPlusDefragStretch::build(uint32_t startBlock) {
   _extentMap.reset();
   _extentMap = std::make_unique<HFSPlusExtentMap>(_volume, startBlock);
   _extentMap->limitMemoryUsageTo(_capacity * HFSPlusExtentMap::kBytesPerEntry + 1);
-  _beyond.clear();
-  _extentMap->setClipObserver(
-      [this](uint32_t start, uint32_t count) { _beyond.push_back({start, count}); });
   const Result<> result = _buildExtentMap();
-  _extentMap->setClipObserver({});
   _extentMap->limitMemoryUsageTo(0);
   _extentBlockCount = _extentMap->blockCount();
   _extentNextStartBlock = _extentMap->startBlock() + _extentBlockCount;
@@ -69,8 +61,7 @@ Result<> HFSPlusDefragStretch::_buildExtentMap() {
   if (_cancelled()) {
     return std::unexpected(XRDefragError::userCancelled());
   }
-  TRY(_crossCheck());
-  return _markBeyond();
+  return _crossCheck();
 }
 
 Result<> HFSPlusDefragStretch::_insertHeaders() {
@@ -179,30 +170,7 @@ Result<> HFSPlusDefragStretch::_insertExtent(uint64_t start, uint64_t count, uin
       count -= covered;
     }
   }
-  TRY(_noteBeyond(start, count));
   return _extentMap->insert(static_cast<uint32_t>(start), static_cast<uint32_t>(count), cnid, info);
-}
-
-/// Remembers what of a run with an owner lies beyond the map.
-Result<> HFSPlusDefragStretch::_noteBeyond(uint64_t start, uint64_t count) {
-  const uint64_t mapEnd = uint64_t{_extentMap->startBlock()} + _extentMap->blockCount();
-  const uint64_t end = start + count;
-  start = std::max(start, mapEnd);
-  if (start < end) {
-    _beyond.push_back({static_cast<uint32_t>(start), static_cast<uint32_t>(end - start)});
-  }
-  return _beyond.size() < kMostBeyond ? Result<>() : _markBeyond();
-}
-
-/// Marks what lies beyond the map in the bitmap, since evicted data and the log of the run may go
-/// to any block that is clear there. In the order of the blocks, to read the bitmap but once.
-Result<> HFSPlusDefragStretch::_markBeyond() {
-  std::ranges::sort(_beyond, {}, &HFSPlusExtentDescriptor::startBlock);
-  for (const HFSPlusExtentDescriptor& run : _beyond) {
-    TRY(HFSPlusMarkOwnedBlocks(_volume, run.startBlock, run.blockCount));
-  }
-  _beyond.clear();
-  return {};
 }
 
 Result<> HFSPlusDefragStretch::_crossCheck() {

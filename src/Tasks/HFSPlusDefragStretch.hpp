@@ -18,9 +18,11 @@ class HFSPlusVolume;
 /// from its start to where the map was clipped, which is where the next one starts. A fork may
 /// have extents outside the stretch; the map then knows only those inside.
 ///
-/// After build() every block that a fork owns, in this stretch or beyond it, is set in the bitmap,
-/// every block that is set there without an owner is immutable in the map, and every free one in
-/// the map is clear in the bitmap. Used by the task that has closed the volume's gate.
+/// After build() every block of the stretch that a fork owns is set in the bitmap, every one that
+/// is set there without an owner is immutable in the map, and every free one in the map is clear in
+/// the bitmap. Blocks beyond the stretch may be written to as soon as every stretch has been built
+/// once: whoever owns them has marked them then, and marks move with the forks. Used by the task
+/// that has closed the volume's gate.
 class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
  public:
   /// `cancelled` is asked between the steps of building; `capacity` is the map's while it is
@@ -68,8 +70,6 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
                            const HFSPlusCatalogKeyView& key) override;
   Result<uint32_t> _fileIDForPath(const char* path);
 
-  Result<> _noteBeyond(uint64_t start, uint64_t count);
-  Result<> _markBeyond();
   Result<> _crossCheck();
   Result<> _keepSetBlocks(uint32_t start, uint32_t count);
 
@@ -79,8 +79,6 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   HFSPlusFileForkSet _immutableFileForks;
   bool _extentsFilePinned = false;
   std::unique_ptr<HFSPlusExtentMap> _extentMap;
-  // Runs with an owner that do not fit into the map, until they have been marked in the bitmap.
-  std::vector<HFSPlusExtentDescriptor> _beyond;
   uint32_t _extentBlockCount = 0;      // of the map when it was last built
   uint32_t _extentNextStartBlock = 0;  // where the next build begins
 };

@@ -6,6 +6,7 @@
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "Tasks/HFSPlusCopyBuffer.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
+#include "support/VolumePresets.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
 #include "unit/Tasks/StretchSetting.hpp"
 
@@ -255,6 +256,33 @@ TEST(HFSPlusDefragPreparation, ExtentsOutsideTheVolumeAreRefusedBeforeAnyWrite) 
     replaceExtent(image, {1000, 10}, damage);
     EXPECT_EQ(refusalOf(image), message);
   }
+}
+
+// Evicted data and the records of flushes go wherever the bitmap says that it is free.
+TEST(HFSPlusDefragPreparation, OwnedBlocksAreMarkedForGoodWhateverStretchTheyLieIn) {
+  support::PlainVolume plain;
+  plain.blockSize = 1024;
+  plain.size = 2 << 20;
+  plain.files = 40;
+  plain.fragments = 12;
+  support::VolumeDescription description = support::plainVolume(plain);
+  for (const support::BuiltFork& fork : support::buildVolume(description).forks) {
+    if (fork.fileID >= support::kFirstUserID) {
+      description.unmarked.push_back(fork.extents.back());
+    }
+  }
+  Setting setting(description);
+  HFSPlusDefragStretch stretch(*setting.volume, never, 30);
+  HFSPlusDefragPreparation preparation(*setting.volume, stretch, setting.profile, "DEFRAG");
+  ASSERT_EQ(messageOf(preparation.checkVolume()), "");
+  ASSERT_TRUE(setting.volume->discardChanges());
+  ASSERT_EQ(messageOf(stretch.build(0)), "");
+  size_t beyond = 0;
+  for (const BlockExtent& extent : description.unmarked) {
+    beyond += extent.start >= stretch.nextStartBlock() ? 1U : 0U;
+    EXPECT_EQ(*setting.volume->allocation().isSet(extent.start, extent.count), extent.count);
+  }
+  EXPECT_GT(beyond, 10U);
 }
 
 TEST(HFSPlusDefragPreparation, CompactingStartsAtTheFirstFreeBlock) {
