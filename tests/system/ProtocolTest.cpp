@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -270,5 +271,25 @@ TEST_F(ProtocolTest, AHundredRewritingCommandsTakeTheirTurnsAndQuitEndsThemAll) 
   EXPECT_EQ(program.waitForExit(), 0);
   EXPECT_EQ(std::ranges::count(lines, "DEFRAG,DONE"), 50);
   EXPECT_EQ(std::ranges::count(lines, "COMPACT,DONE"), 50);
+  expectIntact(path);
+}
+
+TEST_F(ProtocolTest, ARunWithoutMemoryForItsBufferEndsWithItsMessage) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizers take all the address space there is";
+#endif
+  const std::string path = scratchVolume();
+  ProgramRunner program({path});
+  program.writeLine("MAP -i 2");
+  EXPECT_EQ(program.readUntil("MAP,DONE").size(), 4U);
+  // Enough for a thread and its stack, not for the buffer that moves the blocks.
+  const rlim_t used = std::stoull(program.processStatus("VmSize")) << 10;
+  const rlimit limit = {used + (24U << 20), RLIM_INFINITY};
+  ASSERT_EQ(::prlimit(program.processID(), RLIMIT_AS, &limit, nullptr), 0);
+  program.writeLine("DEFRAG");
+  EXPECT_EQ(program.readUntil("DEFRAG,DONE"),
+            (Lines{"DEFRAG,START", "DEFRAG,ERROR,Out of memory.", "DEFRAG,DONE"}));
+  program.writeLine("QUIT");
+  EXPECT_EQ(program.waitForExit(), 0);
   expectIntact(path);
 }

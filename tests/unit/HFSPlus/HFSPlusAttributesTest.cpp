@@ -48,3 +48,11 @@ TEST(HFSPlusAttributes, ABrokenHeaderIsThatOfAnyTree) {
   volume.editHeader([](BTHeaderRec& header) { header.freeNodes = kNodes + 1; });
   EXPECT_EQ(messageOf(HFSPlusAttributes::open(volume)), "B-Tree header is inconsistent.");
 }
+
+TEST(HFSPlusAttributes, ANodeWithBrokenOffsetsIsInconsistent) {
+  MemoryTreeVolume volume(kHFSAttributesFileID, 4096, kNodes);
+  const auto attributes = HFSPlusAttributes::open(volume);
+  ASSERT_EQ(messageOf(attributes), "");
+  writeBigEndian(&volume.node(3).back() - 1, uint16_t{0xFFFF});
+  EXPECT_EQ(messageOf((*attributes)->cachedNodeWithIndex(3)), "Attributes file is inconsistent.");
+}

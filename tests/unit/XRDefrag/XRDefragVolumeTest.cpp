@@ -1,6 +1,8 @@
 #include "XRDefragVolume.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 
 #include "XRDefragVolumeFactory.hpp"
@@ -158,6 +160,19 @@ TEST(XRDefragVolume, WhatCannotBeOpenedHasItsMessage) {
   EXPECT_EQ(messageOfOpening("/dev/null"), "Unable to open /dev/null. An error 25 occurred.");
   EXPECT_EQ(messageOfOpening(file.directory()),
             "Unable to open " + file.directory().string() + ". An error 21 occurred.");
+}
+
+TEST(XRDefragVolume, WhatMayNotEvenBeReadIsDenied) {
+  const ScratchFile file(4096);
+  ASSERT_EQ(::chmod(file.path().c_str(), 0), 0);
+  constexpr uid_t kNobody = 65534;
+  const uid_t before = ::geteuid();
+  if (before == 0 && ::seteuid(kNobody) != 0) {
+    GTEST_SKIP() << "root cannot become nobody here";
+  }
+  const std::string message = messageOfOpening(file.path());
+  EXPECT_EQ(::seteuid(before), 0);
+  EXPECT_EQ(message, "Permission was denied.");
 }
 
 TEST(XRDefragVolume, AHeldImageIsBusy) {
