@@ -3,11 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include "Tasks/HFSPlusBitmapTask.hpp"
 #include "Tasks/HFSPlusDefragTask.hpp"
+#include "Tasks/HFSPlusFragInfoTask.hpp"
 #include "support/SeededRandom.hpp"
 #include "support/VolumePresets.hpp"
 #include "support/doubles/ScratchFile.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
+#include "unit/Tasks/TaskTranscript.hpp"
 
 namespace {
 
@@ -60,6 +63,43 @@ TEST(HFSPlusImmovableForks, HotFilesStayInTheMetadataZone) {
     }
     EXPECT_EQ(hotFiles, 15u);
   }
+}
+
+// Where large blocks meet a small volume, the zone reaches beyond the volume's end: all of the
+// volume is metadata then, and nothing is left for anybody to count, show or move.
+TEST(HFSPlusImmovableForks, AZoneLargerThanTheVolumeLeavesNothingToMove) {
+  support::PlainVolume plain;
+  plain.blockSize = 65536;
+  plain.size = 12 * kGiB;
+  plain.files = 40;
+  plain.fileSize = 10 << 16;
+  plain.unwritten = true;
+  VolumeDescription description = support::plainVolume(plain);
+  description.attributesSet = kHFSVolumeJournaledMask;  // its journal is on another device
+  const doubles::ScratchFile file(0);
+  (void)support::buildVolume(description, file.path());
+  const auto before = volumecheck::checkVolumeFile(file.path());
+
+  const auto device = XRDefragVolume::openDevice(file.path());
+  ASSERT_TRUE(device);
+  const auto opened = HFSPlusVolume::open(**device);
+  ASSERT_TRUE(opened);
+  HFSPlusVolume& volume = **opened;
+  const uint32_t totalBlocks = volume.hostVolumeHeader().totalBlocks;
+  ASSERT_GT(volume.firstDataBlock(), totalBlocks);
+  for (const std::string line : {"DEFRAG", "DEFRAG --profile boot,app", "COMPACT"}) {
+    const std::string name = line.substr(0, line.find(' '));
+    EXPECT_EQ(RewritingRun::linesOf(*RewritingRun::taskOf(volume, line)),
+              (Transcript{name + ",START", name + ",DONE"}));
+  }
+  EXPECT_EQ(dataLines(transcriptOf<HFSPlusFragInfoTask>(volume, "FRAGINFO")),
+            Transcript{"FRAGINFO,0,0,0"});
+  EXPECT_EQ(dataLines(transcriptOf<HFSPlusBitmapTask>(volume, "BITMAP -m 49152")),
+            (Transcript{"BITMAP,LENGTH,1", "BITMAP,DATA,F0", "BITMAP,FIRSTUNUSEDBLOCK,4294967295",
+                        "BITMAP,LASTUSEDBLOCK," + std::to_string(totalBlocks - 2)}));
+  const auto after = volumecheck::checkVolumeFile(file.path());
+  EXPECT_EQ(after.report(), before.report());
+  EXPECT_EQ(after.truth.header.writeCount, before.truth.header.writeCount);
 }
 
 TEST(HFSPlusImmovableForks, ADamagedTreeOfHotFilesStopsARunBeforeItWrites) {
