@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "HFSPlus/HFSPlusForkExtents.hpp"
+#include "LWKit/LWFormat.hpp"
 #include "Tasks/HFSPlusCopyBuffer.hpp"
 #include "Tasks/HFSPlusDefragProgress.hpp"
 #include "support/VolumePresets.hpp"
@@ -242,6 +243,82 @@ TEST(HFSPlusCopyEngine, ThreeScatteredExtentsEndUpAsOneAtTheFront) {
                        "+3 1200>" + std::to_string(front + 8) + "+4 ");
   EXPECT_EQ(run.truth().findFork(a, volumecheck::ForkType::Data)->extents,
             (std::vector<volumecheck::Extent>{{front, 12}}));
+  EXPECT_EQ(run.faults(), "");
+}
+
+// A volume worked through by hand, with a buffer of six blocks. From its first free block on, "a"
+// and "b" being the blocks of two files, "#" ones that nobody may move and "." free ones:
+//
+//              0         1         2         3
+//              0123456789012345678901234567890123
+//   before     ..bbb##...aaaa................aaaa
+//   evicted    .....##...aaaabbb.............aaaa    the zone is 0 to 7, without the "#"
+//   defrag 1   aaaaa##a......bbb...............aa    percent: 4, 5 and 6 of 11
+//   defrag 2   aaaaa##aaabbb                         8 and 11 of 11
+//   compact 1  aaaab##b........b.............aaaa    4, 5 and 6 of 11
+//   compact 2  aaaab##bbaaaa                         7 and 11 of 11
+struct ByHand {
+  ByHand() {
+    StretchSetting empty(description);
+    EXPECT_TRUE(empty.prepare());
+    front = empty.firstBlock();
+    a = addFileAt(description, "A", {{front + 10, 4}, {front + 30, 4}});
+    b = addFileAt(description, "B", {{front + 2, 3}});
+    description.markedWithoutOwner = {{front + 5, 2}};
+  }
+
+  /// Lines of moves, given as percent, from, to and count, with blocks from the front.
+  static Lines linesOf(const RewritingRun& run, const std::string& name, uint32_t front,
+                       const std::vector<std::array<uint32_t, 4>>& moves) {
+    Lines lines = {name + ",START"};
+    for (const auto& [percent, from, to, count] : moves) {
+      const uint32_t inUse = run.built().totalBlocks - run.built().freeBlocks;
+      lines.push_back(LWFormat("%s,PROGRESS,%u,%u,%u,%u,%u", name, percent, front + from,
+                               front + to, count, inUse));
+    }
+    lines.push_back(name + ",DONE");
+    return lines;
+  }
+  using Extents = std::vector<volumecheck::Extent>;
+  Extents extentsOf(RewritingRun& run, uint32_t file) const {
+    Extents extents = run.truth().findFork(file, volumecheck::ForkType::Data)->extents;
+    for (volumecheck::Extent& extent : extents) {
+      extent.startBlock -= front;
+    }
+    return extents;
+  }
+
+  support::VolumeDescription description = plainStretchVolume();
+  uint32_t front, a, b;
+};
+
+TEST(HFSPlusCopyEngine, DefragmentsAsWorkedOutByHand) {
+  ByHand hand;
+  RewritingRun run(hand.description);
+  EXPECT_EQ(run.run("DEFRAG", {.copyBufferBlocks = 6}), ByHand::linesOf(run, "DEFRAG", hand.front,
+                                                                        {{0, 2, 14, 3},
+                                                                         {36, 10, 0, 4},
+                                                                         {45, 30, 4, 1},
+                                                                         {54, 31, 7, 1},
+                                                                         {72, 32, 8, 2},
+                                                                         {100, 14, 10, 3}}));
+  EXPECT_EQ(hand.extentsOf(run, hand.a), (ByHand::Extents{{0, 5}, {7, 3}}));
+  EXPECT_EQ(hand.extentsOf(run, hand.b), (ByHand::Extents{{10, 3}}));
+  EXPECT_EQ(run.faults(), "");
+}
+
+TEST(HFSPlusCopyEngine, CompactsAsWorkedOutByHand) {
+  ByHand hand;
+  RewritingRun run(hand.description);
+  EXPECT_EQ(run.run("COMPACT", {.copyBufferBlocks = 6}), ByHand::linesOf(run, "COMPACT", hand.front,
+                                                                         {{0, 2, 14, 3},
+                                                                          {36, 10, 0, 4},
+                                                                          {45, 14, 4, 1},
+                                                                          {54, 15, 7, 1},
+                                                                          {63, 16, 8, 1},
+                                                                          {100, 30, 9, 4}}));
+  EXPECT_EQ(hand.extentsOf(run, hand.a), (ByHand::Extents{{0, 4}, {9, 4}}));
+  EXPECT_EQ(hand.extentsOf(run, hand.b), (ByHand::Extents{{4, 1}, {7, 2}}));
   EXPECT_EQ(run.faults(), "");
 }
 

@@ -7,8 +7,11 @@
 
 #include "HFSPlus/HFSPlusApplicationProfile.hpp"
 #include "HFSPlus/HFSPlusBootCacheProfile.hpp"
+#include "HFSPlus/HFSPlusExtentMap.hpp"
 #include "support/RandomVolume.hpp"
 #include "support/SeededRandom.hpp"
+#include "support/VolumePresets.hpp"
+#include "support/doubles/ScratchFile.hpp"
 #include "unit/Tasks/ReferenceEngine.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
 
@@ -89,6 +92,39 @@ std::string firstDifference(const Moves& expected, const Moves& found) {
          (b == found.end() ? "none" : textOf(*b));
 }
 
+/// The settings of a run; empties the boot playlist in `truth` if the run is going to.
+ReferenceEngine::Settings settingsOf(HFSPlusVolume& volume, std::string_view line,
+                                     uint32_t bufferBlocks, volumecheck::VolumeTruth& truth) {
+  const auto immovable = volume.immutableForkIDs(true);
+  EXPECT_TRUE(immovable);
+  ReferenceEngine::Settings settings{.compact = line == "COMPACT",
+                                     .bufferBlocks = bufferBlocks,
+                                     .firstDataBlock = volume.firstDataBlock(),
+                                     .immovable = idsOf(*immovable)};
+  if (line.contains("--profile")) {
+    settings.profile = profileOf(volume, settings.immovable);
+    emptyPlaylist(truth);
+  }
+  return settings;
+}
+
+/// Whether a run did what the reference does. `before` is what the reference began with.
+void expectSameRun(const ReferenceEngine& reference, const std::vector<std::string>& lines,
+                   const volumecheck::VolumeTruth& before, const volumecheck::VolumeTruth& after) {
+  Moves found;
+  for (const RewritingRun::Move& move : RewritingRun::movesIn(lines)) {
+    found.push_back({static_cast<uint32_t>(move.percent), move.from, move.to, move.count});
+  }
+  ASSERT_EQ(firstDifference(reference.moves(), found), "");
+  ASSERT_EQ(after.forks.size(), before.forks.size());
+  for (size_t i = 0; i < after.forks.size(); ++i) {
+    const volumecheck::Fork& fork = before.forks[i];
+    const auto& expected =
+        reference.knows(idOf(fork)) ? reference.extentsOf(idOf(fork)) : fork.extents;
+    ASSERT_EQ(textOf(after.forks[i].extents), textOf(expected)) << fork.path;
+  }
+}
+
 /// What was compared.
 struct Tally {
   size_t runs = 0;
@@ -107,46 +143,23 @@ void compareRun(const support::VolumeDescription& description, std::string_view 
   if (largestFreeRun(run.truthBefore()) < 2 * bufferBlocks + kRecordBytes / built->blockSize) {
     return;  // what is evicted, and written down, might have to make do with less
   }
-  const bool compact = line == "COMPACT";
-  const auto immovable = run.volume().immutableForkIDs(true);
-  ASSERT_TRUE(immovable);
-  ReferenceEngine::Settings settings{.compact = compact,
-                                     .bufferBlocks = bufferBlocks,
-                                     .firstDataBlock = run.volume().firstDataBlock(),
-                                     .immovable = idsOf(*immovable)};
   volumecheck::VolumeTruth truth = run.truthBefore();
-  if (line.contains("--profile")) {
-    settings.profile = profileOf(run.volume(), settings.immovable);
-    emptyPlaylist(truth);
-  }
-  tally.profiles += settings.profile.empty() ? 0 : 1;
+  const auto settings = settingsOf(run.volume(), line, bufferBlocks, truth);
   ReferenceEngine reference(truth, settings);
   if (!reference.run()) {
     return;
   }
-
   const auto lines = run.run(line, {.copyBufferBlocks = bufferBlocks});
   const std::string error = RewritingRun::errorIn(lines);
   if (error == "Overflow extents file is too congested\\, unable to continue.") {
     return;
   }
   ASSERT_EQ(error, "");
-  Moves found;
-  for (const RewritingRun::Move& move : RewritingRun::movesIn(lines)) {
-    found.push_back({static_cast<uint32_t>(move.percent), move.from, move.to, move.count});
-  }
-  ASSERT_EQ(firstDifference(reference.moves(), found), "");
-  const volumecheck::VolumeTruth after = run.truth();
-  ASSERT_EQ(after.forks.size(), truth.forks.size());
-  for (size_t i = 0; i < after.forks.size(); ++i) {
-    const volumecheck::Fork& before = truth.forks[i];
-    const auto& expected =
-        reference.knows(idOf(before)) ? reference.extentsOf(idOf(before)) : before.extents;
-    ASSERT_EQ(textOf(after.forks[i].extents), textOf(expected)) << before.path;
-  }
+  ASSERT_NO_FATAL_FAILURE(expectSameRun(reference, lines, truth, run.truth()));
   ++tally.runs;
-  tally.moves += found.size();
+  tally.moves += reference.moves().size();
   tally.evictions += reference.evictions();
+  tally.profiles += settings.profile.empty() ? 0 : 1;
 }
 
 uint64_t seedCount() {
@@ -181,6 +194,29 @@ TEST_P(EngineLayout, IsTheReferencesToTheBlock) {
   EXPECT_GT(tally.moves, 20 * tally.runs);
   EXPECT_GT(tally.evictions, tally.runs / 2);
   EXPECT_EQ(tally.profiles > 0, std::string_view(GetParam()).contains("--profile"));
+}
+
+TEST_P(EngineLayout, IsTheReferencesBehindAMetadataZoneToo) {
+  const doubles::ScratchFile file(0);
+  (void)support::buildVolume(support::zonedVolume(5, uint64_t{12} << 30), file.path());
+  volumecheck::VolumeTruth before = volumecheck::checkVolumeFile(file.path()).truth;
+  const auto device = XRDefragVolume::openDevice(file.path());
+  ASSERT_TRUE(device);
+  const auto volume = HFSPlusVolume::open(**device);
+  ASSERT_TRUE(volume);
+  constexpr uint64_t kBufferBytes = 64 << 20;
+  const auto settings =
+      settingsOf(**volume, GetParam(), kBufferBytes / before.header.blockSize, before);
+  ReferenceEngine reference(before, settings);
+  ASSERT_TRUE(reference.run());
+  EXPECT_GT(reference.moves().size(), 100U);
+  EXPECT_GT(settings.immovable.size(), 10U);
+
+  const auto task = RewritingRun::taskOf(**volume, GetParam());
+  task->limitResources(kBufferBytes, HFSPlusExtentMap::kDefaultCapacity);
+  const auto lines = RewritingRun::linesOf(*task);
+  ASSERT_EQ(RewritingRun::errorIn(lines), "");
+  expectSameRun(reference, lines, before, volumecheck::checkVolumeFile(file.path()).truth);
 }
 
 INSTANTIATE_TEST_SUITE_P(Line, EngineLayout,
