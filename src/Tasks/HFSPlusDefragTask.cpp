@@ -125,6 +125,7 @@ Result<> HFSPlusDefragTask::_rewriteVolume() {
 }
 
 Result<> HFSPlusDefragTask::_run() {
+  HFSPlusDefragProgress progress = _makeProgress();
   if (!_compact) {
     TRY(_prepareProfiles());
   }
@@ -136,7 +137,21 @@ Result<> HFSPlusDefragTask::_run() {
     preparation.forksHaveChanged();
   }
   const auto expectedBlocks = TRY(preparation.prepareForRun(_compact));
-  return expectedBlocks ? _runEngine(stretch, *expectedBlocks) : Result<>();
+  if (!expectedBlocks) {
+    return {};
+  }
+  progress.expect(*expectedBlocks);
+  return _runEngine(stretch, progress);
+}
+
+/// Before the run has marked or emptied anything: its lines tell of the volume as it was.
+HFSPlusDefragProgress HFSPlusDefragTask::_makeProgress() {
+  const HFSPlusVolumeHeader& header = _volume.hostVolumeHeader();
+  HFSPlusDefragProgress progress(name(), header.totalBlocks - header.freeBlocks);
+  if (!_verbose) {
+    progress.setQuiet([this](int percent) { updateTaskProgress(percent); });
+  }
+  return progress;
 }
 
 /// Collects the forks that are to be laid down first.
@@ -164,15 +179,10 @@ Result<> HFSPlusDefragTask::_emptyPlaylist() {
   return {};
 }
 
-Result<> HFSPlusDefragTask::_runEngine(HFSPlusDefragStretch& stretch, uint32_t expectedBlocks) {
-  const HFSPlusVolumeHeader& header = _volume.hostVolumeHeader();
-  const auto buffer = TRY(HFSPlusCopyBuffer::open(_copyBufferSize, header.blockSize));
-  HFSPlusDefragProgress progress(name(), header.totalBlocks - header.freeBlocks);
-  if (!_verbose) {
-    progress.setQuiet([this](int percent) { updateTaskProgress(percent); });
-  }
-  progress.expect(expectedBlocks);
-
+Result<> HFSPlusDefragTask::_runEngine(HFSPlusDefragStretch& stretch,
+                                       HFSPlusDefragProgress& progress) {
+  const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
+  const auto buffer = TRY(HFSPlusCopyBuffer::open(_copyBufferSize, blockSize));
   std::unique_ptr<HFSPlusSourceMode> mode;
   if (_compact) {
     mode = std::make_unique<HFSPlusCompactMode>(stretch);

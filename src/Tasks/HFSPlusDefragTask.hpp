@@ -41,7 +41,8 @@ class HFSPlusDefragTask : public XRDefragTask {
   Result<> _run();
   Result<> _prepareProfiles();
   Result<> _emptyPlaylist();
-  Result<> _runEngine(HFSPlusDefragStretch& stretch, uint32_t expectedBlocks);
+  HFSPlusDefragProgress _makeProgress();
+  Result<> _runEngine(HFSPlusDefragStretch& stretch, HFSPlusDefragProgress& progress);
   std::function<bool()> _cancelled() const;
 
   HFSPlusVolume& _volume;

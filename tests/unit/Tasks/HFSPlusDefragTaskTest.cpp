@@ -146,6 +146,27 @@ TEST(HFSPlusDefragTask, MovesAreToldWithTheVolumesBlocksInUse) {
   EXPECT_EQ(percent, 100);
 }
 
+TEST(HFSPlusDefragTask, BlocksInUseAreThoseOfTheVolumeAsItWasOpened) {
+  support::VolumeDescription description = smallVolume();
+  support::FileDescription& file = description.root().addFile("Unmarked", support::fork(20000));
+  description.addPlaylist({{.fileID = file.id}});
+  for (const support::BuiltFork& fork : support::buildVolume(description).forks) {
+    if (fork.fileID == file.id) {
+      description.unmarked.push_back(fork.extents.front());
+    }
+  }
+  RewritingRun run(description);
+  const uint32_t inUse =
+      run.volume().hostVolumeHeader().totalBlocks - run.volume().hostVolumeHeader().freeBlocks;
+  const auto moves = RewritingRun::movesIn(run.run("DEFRAG --profile boot"));
+  const HFSPlusVolumeHeader& now = run.volume().hostVolumeHeader();
+  EXPECT_NE(now.totalBlocks - uint32_t{now.freeBlocks}, inUse);
+  ASSERT_FALSE(moves.empty());
+  for (const RewritingRun::Move& move : moves) {
+    EXPECT_EQ(move.allocatedBlocks, inUse);
+  }
+}
+
 TEST(HFSPlusDefragTask, CachesOfASingleNodeLoseNothing) {
   for (const char* command : {"DEFRAG", "COMPACT"}) {
     RewritingRun run(support::piecesVolume(1));
