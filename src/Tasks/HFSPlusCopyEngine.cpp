@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-#include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "Tasks/HFSPlusCopyBuffer.hpp"
 #include "Tasks/HFSPlusCopyRehearsal.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
+#include "Tasks/HFSPlusExtentsFilePlan.hpp"
 
 namespace {
 
@@ -196,38 +196,30 @@ uint32_t HFSPlusCopyEngine::_roomInZone(uint32_t zoneBlocks) const {
 auto HFSPlusCopyEngine::_fillZone(uint32_t zoneBlocks) -> Result<Outcome> {
   const uint32_t front = _stretch.map().startBlock();
   const uint32_t room = _roomInZone(zoneBlocks);
-  std::unique_ptr<HFSPlusForkExtents> extentsFile;  // as the planned moves will leave it
-  uint32_t sound = 0;  // blocks placed when it was last in no more pieces than it can
+  HFSPlusExtentsFilePlan extentsFile(_volume);
+  uint32_t soundBlocks = 0;  // up to where the plan can be carried out
   for (uint32_t placed = 0; placed < room;) {
     const auto source = TRY(_mode.getSourceEntry());
     if (!source) {
       _mapIsUsedUp = true;
       break;
     }
-    const bool isExtentsFile = source->cnid == kHFSExtentsFileID;
-    if (isExtentsFile && !extentsFile) {
-      extentsFile = TRY(HFSPlusForkExtents::open(_volume, source->cnid, source->fork));
-    }
-    const uint32_t count = TRY(_placeSource(*source, room - placed));
-    if (isExtentsFile) {
-      TRY(extentsFile->move(source->start + source->offset, _copyList.entries().back().nustart,
-                            count));
-    }
-    placed += count;
-    if (!extentsFile || extentsFile->editedDescriptorCount() <= kHFSPlusExtentDensity) {
-      sound = placed;
-    }
+    placed += TRY(_placeSource(*source, room - placed));
     _fruitlessBuilds = 0;
+    TRY(extentsFile.add(_copyList.entries().back()));
+    if (extentsFile.fitsHeader()) {
+      soundBlocks = placed;
+    }
   }
-  if (extentsFile && extentsFile->editedDescriptorCount() > kHFSPlusExtentDensity) {
-    TRY(_planUpTo(sound, front));
+  if (!extentsFile.fitsHeader()) {
+    TRY(_planUpTo(soundBlocks, front));
     return Outcome::MapRebuilt;
   }
   return Outcome::GoOn;
 }
 
-/// Forgets a plan that would leave the extents file in more pieces than the header can hold, for
-/// the beginning of it that would not; if that is nothing, the file stays where it is.
+/// Forgets a plan that cannot be carried out for the extents file's sake, in favour of its
+/// beginning, which can; if that is nothing, the file stays where it is.
 Result<> HFSPlusCopyEngine::_planUpTo(uint32_t soundBlocks, uint32_t front) {
   const HFSPlusExtentMapEntry first = _copyList.entries().front().entry;
   _copyList.disposeCopyList();

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <optional>
 
 #include "Tasks/HFSPlusCopyList.hpp"
 #include "Tasks/HFSPlusCopyZone.hpp"
@@ -13,7 +11,6 @@
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
 class HFSPlusDefragStretch;
-class HFSPlusForkExtents;
 class HFSPlusVolume;
 
 /// The run loop: fills the lowest free space of the volume with what the mode picks, batch by

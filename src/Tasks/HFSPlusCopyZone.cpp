@@ -5,12 +5,12 @@
 #include "HFSPlus/HFSPlusAllocation.hpp"
 #include "HFSPlus/HFSPlusCatalog.hpp"
 #include "HFSPlus/HFSPlusExtents.hpp"
-#include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "Tasks/HFSPlusCopyList.hpp"
 #include "Tasks/HFSPlusCopyRehearsal.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
+#include "Tasks/HFSPlusExtentsFilePlan.hpp"
 
 uint32_t HFSPlusCopyZone::countFreeBlocks(uint32_t zoneBlocks) const {
   const HFSPlusExtentMap& map = _stretch.map();
@@ -157,20 +157,11 @@ Result<> HFSPlusCopyZone::_appendEvictions(HFSPlusFreeMap& freeMap, uint32_t zon
   return {};
 }
 
-/// Whether the listed moves leave the extents file in as many pieces as the header can hold; it
-/// finds itself by the header alone and has no overflow records.
+/// Whether the listed moves leave the extents file in as many pieces as the header can list.
 Result<bool> HFSPlusCopyZone::_extentsFileStaysWhole() const {
-  const auto isExtentsFile = [](const HFSPlusCopyEntry& entry) {
-    return entry.entry.cnid == kHFSExtentsFileID;
-  };
-  if (std::ranges::none_of(_copyList.entries(), isExtentsFile)) {
-    return true;
-  }
-  const auto fork = TRY(HFSPlusForkExtents::open(_volume, kHFSExtentsFileID, kHFSDataForkType));
+  HFSPlusExtentsFilePlan extentsFile(_volume);
   for (const HFSPlusCopyEntry& entry : _copyList.entries()) {
-    if (isExtentsFile(entry)) {
-      TRY(fork->move(entry.source(), entry.nustart, entry.count));
-    }
+    TRY(extentsFile.add(entry));
   }
-  return fork->editedDescriptorCount() <= kHFSPlusExtentDensity;
+  return extentsFile.fitsHeader();
 }
