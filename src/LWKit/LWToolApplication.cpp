@@ -179,7 +179,7 @@ void LWToolApplication::setEventInputType(LWToolEvent::Type type) {
       PlatformTerminal::deliverCharacters();
       break;
     case LWToolEvent::Type::Arguments:
-      LWPanic("illegal event type: %d\n", static_cast<int>(type));
+      LWPanic("illegal event type: %@\n", "LWToolEventArgumentsType");
   }
   _processInput({});
 }

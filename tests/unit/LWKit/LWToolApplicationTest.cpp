@@ -258,7 +258,7 @@ TEST(LWToolApplicationDeathTest, AnInputTypeThatIsNoneStopsTheProcess) {
         TestApplication application(STDIN_FILENO);
         application.setEventInputType(LWToolEvent::Type::Arguments);
       },
-      "PANIC: illegal event type");
+      "PANIC: illegal event type: LWToolEventArgumentsType\n");
 }
 
 TEST(LWToolResponder, WhatNobodyHandlesIsCompletedAtOnce) {
