@@ -10,8 +10,9 @@
 
 namespace {
 
-/// Printed lines beyond this many bytes leave without waiting for a flushed one.
-constexpr size_t kPrintedBytes = size_t{64} << 10;
+/// Printed lines beyond this many bytes leave without waiting for a flushed one. Many enough that
+/// the two threads need not wake each other all the time.
+constexpr size_t kPrintedBytes = size_t{256} << 10;
 
 }  // namespace
 
@@ -28,7 +29,7 @@ XRDefragReport::XRDefragReport(Sink sink, Buffering buffering)
 XRDefragReport::~XRDefragReport() {
   {
     const std::lock_guard lock(_lock);
-    _send();
+    static_cast<void>(_send());
     _ends = true;
   }
   _dueChanged.notify_one();
@@ -51,17 +52,20 @@ void XRDefragReport::_append(std::string_view lines, bool flush) {
     _roomChanged.wait(lock, [this] { return _hasRoom(); });
   }
   _printed += lines;
-  if (flush || _printed.size() >= kPrintedBytes) {
-    _send();
+  const bool isDue = (flush || _printed.size() >= kPrintedBytes) && _send();
+  lock.unlock();
+  if (isDue) {
+    _dueChanged.notify_one();
   }
 }
 
-/// Sends what is printed on its way.
-void XRDefragReport::_send() {
+/// Sends what is printed on its way; whether that is now the writing thread's to do.
+bool XRDefragReport::_send() {
   if (_printed.empty()) {
-    return;
+    return false;
   }
-  if (!_hasWriter()) {
+  const bool inBackground = _hasWriter();
+  if (!inBackground) {
     _sink(_printed);
   } else if (_due.empty()) {
     _due.swap(_printed);
@@ -69,7 +73,7 @@ void XRDefragReport::_send() {
     _due += _printed;
   }
   _printed.clear();
-  _dueChanged.notify_one();
+  return inBackground;
 }
 
 bool XRDefragReport::_hasWriter() {

@@ -54,7 +54,7 @@ class XRDefragReport {
 
  private:
   void _append(std::string_view lines, bool flush);
-  void _send();
+  bool _send();
   bool _hasRoom() const { return _due.size() < kBacklogBytes || !_waits; }
   bool _hasWriter();
   void _write();

@@ -113,8 +113,8 @@ TEST(XRDefragReport, PrintedLinesLeaveAtTheEndAtTheLatest) {
 TEST(XRDefragReport, ManyPrintedLinesDoNotWaitForAFlushedOne) {
   Reader reader;
   XRDefragReport report(reader.sink());
-  report.print(lineOf('x', 200000));
-  EXPECT_EQ(reader.text().size(), 200001U);
+  report.print(lineOf('x', 300000));
+  EXPECT_EQ(reader.text().size(), 300001U);
 }
 
 TEST(XRDefragReport, OnATerminalEveryLineLeavesAtOnce) {
