@@ -9,12 +9,19 @@ LITERALS = r'((?:"(?:[^"\\\n]|\\.)*"\s*)+)'
 # A message stands where its error is made, or in a table of messages of which one is chosen.
 TRANSLATABLE = re.compile(r'(?:\blocalized\(|\blocalizedStringForKey\(|\.\w+ = )\s*' + LITERALS)
 FINAL = re.compile(r'\bwithFormat\(\s*' + LITERALS)
+ESCAPE = re.compile(r"\\(?:x([0-9A-Fa-f]{1,2})[0-9A-Fa-f]*|([0-7]{1,3})|(.))", re.DOTALL)
+
+
+def _character(escape):
+    hexadecimal, octal, other = escape.groups()
+    if other is not None:
+        return {"n": "\n", "t": "\t", "r": "\r"}.get(other, other)
+    return chr(int(hexadecimal, 16) if hexadecimal else int(octal, 8))
 
 
 def text_of(literals):
     """The text of C++ string literals that stand one after the other."""
-    joined = "".join(re.findall(LITERAL, literals)).encode()
-    return joined.decode("unicode_escape").encode("latin-1", "replace").decode(errors="replace")
+    return "".join(ESCAPE.sub(_character, text) for text in re.findall(LITERAL, literals))
 
 
 def _messages(shape):
