@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "HFSPlus/HFSPlusBitmapBits.hpp"
 #include "LWKit/LWDebug.hpp"
@@ -266,33 +267,38 @@ Result<uint32_t> HFSPlusAllocation::isClear(uint32_t block, uint32_t count) {
   return leadingRun(block, count, Bit::Clear);
 }
 
-Result<std::optional<uint32_t>> HFSPlusAllocation::findUnusedRun(
-    uint64_t count, uint32_t hint, const HFSPlusBlockRanges& avoided) {
+Result<bool> HFSPlusAllocation::takeUnusedRuns(RunLength length, uint32_t hint,
+                                               const HFSPlusBlockRanges& avoided,
+                                               const TakeRun& take) {
   const uint64_t totalBlocks = volume().hostVolumeHeader().totalBlocks;
-  if (const auto run = TRY(findUnusedRunIn(hint, totalBlocks, count, avoided))) {
-    return run;
-  }
-  return findUnusedRunIn(0, std::min(totalBlocks, hint + count), count, avoided);
+  const uint64_t middle = std::min<uint64_t>(hint, totalBlocks);
+  return TRY(takeUnusedRunsIn(middle, totalBlocks, length, avoided, take)) ||
+         TRY(takeUnusedRunsIn(0, middle, length, avoided, take));
 }
 
-/// The first such run that lies in [begin, end).
-Result<std::optional<uint32_t>> HFSPlusAllocation::findUnusedRunIn(
-    uint64_t begin, uint64_t end, uint64_t count, const HFSPlusBlockRanges& avoided) {
-  while (begin + count <= end) {
+Result<bool> HFSPlusAllocation::takeUnusedRunsIn(uint64_t begin, uint64_t end, RunLength length,
+                                                 const HFSPlusBlockRanges& avoided,
+                                                 const TakeRun& take) {
+  while (begin < end) {
     const auto block = static_cast<uint32_t>(begin);
-    const uint32_t run = TRY(isClear(block, static_cast<uint32_t>(count)));
-    if (run < count) {
-      const auto behind = static_cast<uint32_t>(begin + run);
-      begin = uint64_t{behind} + TRY(isSet(behind, static_cast<uint32_t>(end - behind)));
-    } else if (const auto freed = _freed.firstOverlap(begin, count)) {
-      begin = freed->end;
-    } else if (const auto taken = avoided.firstOverlap(begin, count)) {
-      begin = taken->end;
-    } else {
-      return block;
+    uint64_t count = TRY(isClear(block, static_cast<uint32_t>(std::min(length.most, end - begin))));
+    if (count == 0) {
+      begin += TRY(isSet(block, static_cast<uint32_t>(end - begin)));
+      continue;
     }
+    uint64_t next = begin + count;
+    for (const HFSPlusBlockRanges* used : {&std::as_const(_freed), &avoided}) {
+      if (const auto overlap = used->firstOverlap(begin, count)) {
+        count = std::max(overlap->begin, begin) - begin;
+        next = overlap->end;
+      }
+    }
+    if (count >= length.least && take(block, count)) {
+      return true;
+    }
+    begin = next;
   }
-  return std::nullopt;
+  return false;
 }
 
 void HFSPlusAllocation::dump(uint32_t block, uint32_t count) {

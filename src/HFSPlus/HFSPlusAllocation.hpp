@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -38,10 +39,19 @@ class HFSPlusAllocation final : public HFSPlusFile {
   [[nodiscard]] Result<uint32_t> isSet(uint32_t block, uint32_t count);
   [[nodiscard]] Result<uint32_t> isClear(uint32_t block, uint32_t count);
 
-  /// Looks for `count` blocks in a row that are free now and were free when changes were last
-  /// settled, and that no range of `avoided` touches; from `hint` on first, then before it.
-  [[nodiscard]] Result<std::optional<uint32_t>> findUnusedRun(uint64_t count, uint32_t hint,
-                                                              const HFSPlusBlockRanges& avoided);
+  /// How many blocks in a row are worth taking, and how many of them are enough.
+  struct RunLength {
+    uint64_t least;
+    uint64_t most;
+  };
+  /// Is offered a first block and a number of blocks; true for having enough.
+  using TakeRun = std::function<bool(uint32_t, uint64_t)>;
+
+  /// Offers runs of blocks that are free now and were free when changes were last settled, and that
+  /// are not in `avoided`; from the block `hint` on first, then before it. Whether `take` has had
+  /// enough. Fails like set().
+  [[nodiscard]] Result<bool> takeUnusedRuns(RunLength length, uint32_t hint,
+                                            const HFSPlusBlockRanges& avoided, const TakeRun& take);
 
   /// What has been freed so far may be written over: the changes that freed it will last.
   void settleChanges() { _freed.clear(); }
@@ -111,8 +121,8 @@ class HFSPlusAllocation final : public HFSPlusFile {
   Result<> change(uint32_t block, uint32_t count, Bit bit);
   Result<> changeSpans(uint32_t block, uint32_t count, Bit bit, Change& change);
   Result<uint32_t> leadingRun(uint32_t block, uint32_t count, Bit bit);
-  Result<std::optional<uint32_t>> findUnusedRunIn(uint64_t begin, uint64_t end, uint64_t count,
-                                                  const HFSPlusBlockRanges& avoided);
+  Result<bool> takeUnusedRunsIn(uint64_t begin, uint64_t end, RunLength length,
+                                const HFSPlusBlockRanges& avoided, const TakeRun& take);
   Result<FileRange> fileRangeOfChunk(uint32_t index) const;
   Result<> readSequentially(std::span<std::byte> bytes, uint64_t offset);
   void cachedChunkRelease(HFSPlusAllocationChunk& chunk);

@@ -41,8 +41,7 @@ uint64_t recordChecksum(std::span<const std::byte> record) {
 }  // namespace
 
 uint64_t HFSPlusFlushRecord::bytesFor(const HFSPlusFlushPlan& plan) {
-  const uint64_t bytes = kHeaderBytes + plan.pieces().size() * kRangeBytes + plan.byteCount();
-  return (bytes + kPadding - 1) / kPadding * kPadding;
+  return kHeaderBytes + plan.pieces().size() * kRangeBytes + plan.byteCount();
 }
 
 std::vector<std::byte> HFSPlusFlushRecord::toDisk(const HFSPlusFlushPlan& plan,
@@ -66,7 +65,7 @@ std::optional<HFSPlusFlushRecord> HFSPlusFlushRecord::fromDisk(std::vector<std::
                                                                const HFSPlusRunIdentity& identity,
                                                                uint32_t sequence,
                                                                uint64_t volumeBytes) {
-  if (bytes.size() < kHeaderBytes || bytes.size() % kPadding != 0) {
+  if (bytes.size() < kHeaderBytes) {
     return std::nullopt;
   }
   const size_t rangeCount = readBigEndian<uint32_t>(bytes.data() + 44);

@@ -26,7 +26,7 @@ struct HFSPlusRunIdentity {
 /// its new bytes. Once the record is on stable storage the flush happens, crash or no crash;
 /// before, it never happened.
 ///
-/// On disk, big-endian, padded with zeros to a multiple of 512 bytes:
+/// On disk, big-endian, in the runs of an HFSPlusRecordPlace:
 ///    0  magic u64           8  format version u32   12  sequence u32    16  run ID u64
 ///   24  signature u16      26  version u16          28  creation date u32
 ///   32  block size u32     36  total blocks u32     40  write count u32  44  range count u32
@@ -38,7 +38,6 @@ class HFSPlusFlushRecord {
   static constexpr uint32_t kFormatVersion = 1;
   static constexpr size_t kHeaderBytes = 64;
   static constexpr size_t kRangeBytes = 16;
-  static constexpr size_t kPadding = 512;
 
   struct Range {
     uint64_t offset;  // bytes from the volume's start

@@ -15,7 +15,8 @@ std::array<std::byte, HFSPlusRunLocator::kBytes> HFSPlusRunLocator::toDisk() con
   writeBigEndian(bytes.data() + 8, runID);
   writeBigEndian(bytes.data() + 16, sequence);
   writeBigEndian(bytes.data() + 20, recordBlock);
-  writeBigEndian(bytes.data() + 24, recordBytes);
+  writeBigEndian(bytes.data() + 24, runBlocks);
+  writeBigEndian(bytes.data() + 28, recordBytes);
   writeBigEndian(bytes.data() + 32, headerBefore);
   writeBigEndian(bytes.data() + 40, headerAfter);
   writeBigEndian(bytes.data() + 48, attributes);
@@ -35,7 +36,8 @@ std::optional<HFSPlusRunLocator> HFSPlusRunLocator::fromDisk(
   return HFSPlusRunLocator{.runID = readBigEndian<uint64_t>(bytes.data() + 8),
                            .sequence = readBigEndian<uint32_t>(bytes.data() + 16),
                            .recordBlock = readBigEndian<uint32_t>(bytes.data() + 20),
-                           .recordBytes = readBigEndian<uint64_t>(bytes.data() + 24),
+                           .runBlocks = readBigEndian<uint32_t>(bytes.data() + 24),
+                           .recordBytes = readBigEndian<uint32_t>(bytes.data() + 28),
                            .headerBefore = readBigEndian<uint64_t>(bytes.data() + 32),
                            .headerAfter = readBigEndian<uint64_t>(bytes.data() + 40),
                            .attributes = readBigEndian<uint32_t>(bytes.data() + 48),

@@ -11,7 +11,7 @@
 ///
 /// On disk, 64 bytes, big-endian:
 ///    0  magic u64          8  run ID u64        16  sequence u32     20  record block u32
-///   24  record bytes u64  32  header before u64  40  header after u64
+///   24  blocks u32        28  record bytes u32  32  header before u64  40  header after u64
 ///   48  attributes u32    52  write count u32    56  CRC-64 of the 56 bytes before it
 struct HFSPlusRunLocator {
   static constexpr size_t kBytes = 64;
@@ -19,8 +19,9 @@ struct HFSPlusRunLocator {
 
   uint64_t runID = 0;        // a random number of this run
   uint32_t sequence = 0;     // number of the run's last flush record; 0 before the first
-  uint32_t recordBlock = 0;  // allocation block at which the record begins
-  uint64_t recordBytes = 0;  // 0 when there is no record or it is no longer needed
+  uint32_t recordBlock = 0;  // first allocation block of the record's first run
+  uint32_t runBlocks = 0;    // blocks of that run, which links to the next
+  uint32_t recordBytes = 0;  // 0 when there is no record or it is no longer needed
   // CRC-64 of the volume header on disk before the record is applied, and after: any other header
   // says that somebody else has written to the volume since.
   uint64_t headerBefore = 0;

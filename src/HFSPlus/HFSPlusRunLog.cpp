@@ -80,29 +80,19 @@ Result<> HFSPlusRunLog::begin(const HFSPlusVolumeHeader& header,
               .attributes = header.attributes,
               .writeCount = header.writeCount};
   _identity = HFSPlusIdentityOfRun(_locator, header);
+  _liveRecord.reset();
   _hint = header.totalBlocks;
   TRY(_writeLocator(_locator));
   _active = true;
   return {};
 }
 
-uint64_t HFSPlusRunLog::blocksFor(const HFSPlusFlushPlan& plan) const {
-  const uint64_t bytes = HFSPlusFlushRecord::bytesFor(plan);
-  return (bytes + _identity.blockSize - 1) / _identity.blockSize;
-}
-
-std::optional<HFSPlusRunLog::Place> HFSPlusRunLog::liveRecord() const {
-  if (!isActive() || _locator.recordBytes == 0) {
-    return std::nullopt;
-  }
-  const uint64_t blockSize = _identity.blockSize;
-  return Place{_locator.recordBlock, (_locator.recordBytes + blockSize - 1) / blockSize};
-}
-
-Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, uint32_t block) {
+Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, const HFSPlusRecordPlace& place) {
   LW_ASSERT(isActive());
-  const uint64_t offset = uint64_t{block} * _identity.blockSize;
-  TRY(retireBefore(offset, blocksFor(plan) * _identity.blockSize));
+  for (const HFSPlusExtentDescriptor& run : place.runs()) {
+    TRY(retireBefore(uint64_t{run.startBlock} * _identity.blockSize,
+                     uint64_t{run.blockCount} * _identity.blockSize));
+  }
 
   HFSPlusRunLocator locator = _locator;
   ++locator.sequence;
@@ -113,27 +103,28 @@ Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, uint32_t block) {
     }
   }
   const auto record = HFSPlusFlushRecord::toDisk(plan, _identity, locator.sequence);
-  locator.recordBlock = block;
-  locator.recordBytes = record.size();
-  TRY(_device.write(record, _place.startOffset + offset));
+  locator.recordBlock = place.runs().front().startBlock;
+  locator.runBlocks = place.runs().front().blockCount;
+  locator.recordBytes = static_cast<uint32_t>(record.size());
+  TRY(place.write(_device, _place, record));
   TRY(_device.synchronize());
+  TRY(_writeLocator(locator));
 
   // The place of the record before this one is the first choice for the one after it.
-  const auto previous = liveRecord();
-  TRY(_writeLocator(locator));
-  _hint = previous ? previous->block : block;
+  _hint = (_liveRecord ? *_liveRecord : place).runs().front().startBlock;
+  _liveRecord = place;
   return {};
 }
 
 Result<> HFSPlusRunLog::retireBefore(uint64_t offset, uint64_t count) {
-  if (const auto live = liveRecord()) {
-    const uint64_t begin = uint64_t{live->block} * _identity.blockSize;
-    if (offset < begin + live->count * _identity.blockSize && begin < offset + count) {
-      HFSPlusRunLocator locator = _locator;
-      locator.recordBlock = 0;
-      locator.recordBytes = 0;
-      return _writeLocator(locator);
-    }
+  TRY(_settleLocator());
+  if (_liveRecord && _liveRecord->touches(offset, count)) {
+    HFSPlusRunLocator locator = _locator;
+    locator.recordBlock = 0;
+    locator.runBlocks = 0;
+    locator.recordBytes = 0;
+    TRY(_writeLocator(locator));
+    _liveRecord.reset();
   }
   return {};
 }
@@ -148,9 +139,17 @@ Result<> HFSPlusRunLog::end() {
 }
 
 Result<> HFSPlusRunLog::_writeLocator(const HFSPlusRunLocator& locator) {
+  _locatorIsUncertain = true;
   TRY(replaceReservedBytes(_device, _place, *_locatorOffset, locator.toDisk()));
+  _locatorIsUncertain = false;
   _locator = locator;
   return {};
+}
+
+/// After an error in naming a record the device may name it all the same, whose flush then never
+/// happened as far as this process is concerned: what it relies on must not be written over.
+Result<> HFSPlusRunLog::_settleLocator() {
+  return _locatorIsUncertain ? _writeLocator(_locator) : Result<>();
 }
 
 Result<std::optional<HFSPlusFoundLocator>> HFSPlusFindRunLocator(XRDefragVolume& device,
@@ -168,7 +167,7 @@ Result<std::optional<HFSPlusFoundLocator>> HFSPlusFindRunLocator(XRDefragVolume&
 }
 
 Result<> HFSPlusEraseStaleLocator(XRDefragVolume& device, HFSPlusVolumePlace place) {
-  if (const auto found = TRY(HFSPlusFindRunLocator(device, place))) {
+  while (const auto found = TRY(HFSPlusFindRunLocator(device, place))) {
     TRY(HFSPlusEraseRunLocator(device, place, found->offset));
   }
   return {};

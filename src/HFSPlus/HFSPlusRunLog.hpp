@@ -5,6 +5,7 @@
 
 #include "HFSPlus/HFSPlusFlushPlan.hpp"
 #include "HFSPlus/HFSPlusFlushRecord.hpp"
+#include "HFSPlus/HFSPlusRecordPlace.hpp"
 #include "HFSPlus/HFSPlusRunLocator.hpp"
 #include "HFSPlus/HFSPlusVolumePlace.hpp"
 #include "XRDefragVolume.hpp"
@@ -38,22 +39,16 @@ class HFSPlusRunLog {
   [[nodiscard]] Result<> begin(const HFSPlusVolumeHeader& header,
                                const HFSPlusVolumeHeader& marked);
 
-  /// Allocation blocks that the record of a plan takes.
-  uint64_t blocksFor(const HFSPlusFlushPlan& plan) const;
-
-  /// The blocks of the record that the locator names; none, or the first block and their number.
-  struct Place {
-    uint32_t block;
-    uint64_t count;
-  };
-  std::optional<Place> liveRecord() const;
+  /// Where the record lies that the locator names; its blocks must not be written over as long as
+  /// it does. None when it names no record.
+  const std::optional<HFSPlusRecordPlace>& liveRecord() const { return _liveRecord; }
 
   /// Where to look for the next record's place first: an allocation block.
   uint32_t hint() const { return _hint; }
 
-  /// Writes the plan down at an allocation block and makes it the flush that happens. After an
-  /// error the flush has not been started, and the volume's metadata is as it was.
-  [[nodiscard]] Result<> commit(const HFSPlusFlushPlan& plan, uint32_t block);
+  /// Writes the plan down at a place that its record fits into and makes it the flush that happens.
+  /// After an error the flush has not been started, and the volume's metadata is as it was.
+  [[nodiscard]] Result<> commit(const HFSPlusFlushPlan& plan, const HFSPlusRecordPlace& place);
 
   /// To be called before `count` bytes at a byte offset of the volume are written over.
   [[nodiscard]] Result<> retireBefore(uint64_t offset, uint64_t count);
@@ -64,12 +59,15 @@ class HFSPlusRunLog {
 
  private:
   [[nodiscard]] Result<> _writeLocator(const HFSPlusRunLocator& locator);
+  [[nodiscard]] Result<> _settleLocator();
 
   XRDefragVolume _device;
   HFSPlusVolumePlace _place;
   std::optional<uint64_t> _locatorOffset;  // bytes from the volume's start, while any are taken
   bool _active = false;
   HFSPlusRunLocator _locator;
+  bool _locatorIsUncertain = false;  // after an error: the device has _locator or a later one
+  std::optional<HFSPlusRecordPlace> _liveRecord;
   HFSPlusRunIdentity _identity;
   uint32_t _hint = 0;
 };

@@ -16,14 +16,16 @@ Result<std::optional<HFSPlusFlushRecord>> readRecord(XRDefragVolume& device,
                                                      HFSPlusVolumePlace place,
                                                      const HFSPlusRunLocator& locator,
                                                      const HFSPlusVolumeHeader& header) {
-  const uint64_t offset = uint64_t{locator.recordBlock} * header.blockSize;
-  if (locator.recordBytes > HFSPlusRunLog::kRecordBytesMax || offset > place.sizeBytes ||
-      locator.recordBytes > place.sizeBytes - offset) {
+  if (locator.recordBytes > HFSPlusRunLog::kRecordBytesMax) {
     return std::nullopt;
   }
-  std::vector<std::byte> bytes(locator.recordBytes);
-  TRY(device.read(bytes, place.startOffset + offset));
-  return HFSPlusFlushRecord::fromDisk(std::move(bytes), HFSPlusIdentityOfRun(locator, header),
+  auto bytes =
+      TRY(HFSPlusRecordPlace::read(device, place, header.blockSize,
+                                   {locator.recordBlock, locator.runBlocks}, locator.recordBytes));
+  if (!bytes) {
+    return std::nullopt;
+  }
+  return HFSPlusFlushRecord::fromDisk(*std::move(bytes), HFSPlusIdentityOfRun(locator, header),
                                       locator.sequence, place.sizeBytes);
 }
 

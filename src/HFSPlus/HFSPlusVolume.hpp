@@ -150,8 +150,8 @@ class HFSPlusVolume final : public XRDefragVolume,
   Result<HFSPlusFlushPlan> _planFlush();
   Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
   void _planHeaders(HFSPlusFlushPlan& plan);
-  Result<std::optional<uint32_t>> _findRecordPlace(const HFSPlusFlushPlan& plan,
-                                                   const HFSPlusBlockRanges& pendingBlocks);
+  Result<std::optional<HFSPlusRecordPlace>> _findRecordPlace(
+      const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks);
   Result<> _finishFlush();
   Result<> _writePlan(const HFSPlusFlushPlan& plan);
   Result<> _markInFlux();

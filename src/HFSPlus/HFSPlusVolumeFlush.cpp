@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "HFSPlus/HFSPlusAllocation.hpp"
 #include "HFSPlus/HFSPlusAttributes.hpp"
@@ -68,6 +69,7 @@ Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset)
   if (bytes.empty()) {
     return {};
   }
+  TRY(_finishFlush());
   TRY(_markInFlux());
   if (_runLog) {
     TRY(_runLog->retireBefore(offset, bytes.size()));
@@ -100,25 +102,35 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRange
   return FlushOutcome::Flushed;
 }
 
-/// An allocation block at which the plan's record fits into blocks that are free before and after
-/// the flush; rather not where the record before it is, which would have to be retired first.
-Result<std::optional<uint32_t>> HFSPlusVolume::_findRecordPlace(
+/// Blocks for the plan's record that are free before and after the flush: in one piece, else in
+/// few, else in as many as it takes; rather not those of the record before it, which would have to
+/// be retired first.
+Result<std::optional<HFSPlusRecordPlace>> HFSPlusVolume::_findRecordPlace(
     const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks) {
-  const uint64_t count = _runLog->blocksFor(plan);
-  if (HFSPlusFlushRecord::bytesFor(plan) > HFSPlusRunLog::kRecordBytesMax ||
-      count > _hostVolumeHeader.totalBlocks) {
+  constexpr uint64_t kFewPieces = 16;
+  const uint64_t bytes = HFSPlusFlushRecord::bytesFor(plan);
+  if (bytes > HFSPlusRunLog::kRecordBytesMax) {
     return std::nullopt;
   }
-  const uint32_t end = _hostVolumeHeader.totalBlocks - static_cast<uint32_t>(count);
-  const uint32_t hint = std::min(_runLog->hint(), end);
-  HFSPlusBlockRanges avoided = pendingBlocks;
-  if (const auto live = _runLog->liveRecord()) {
-    avoided.add(live->block, live->count);
+  // At first, the volume's last blocks: the run will come by there late.
+  const uint64_t inOneRun = HFSPlusRecordPlace(bytes, _hostVolumeHeader.blockSize).blocksInOneRun();
+  const uint32_t totalBlocks = _hostVolumeHeader.totalBlocks;
+  const auto last = static_cast<uint32_t>(totalBlocks - std::min<uint64_t>(inOneRun, totalBlocks));
+  const uint32_t hint = std::min(_runLog->hint(), last);
+  HFSPlusBlockRanges pendingAndLive = pendingBlocks;
+  if (_runLog->liveRecord()) {
+    _runLog->liveRecord()->addTo(pendingAndLive);
   }
-  if (const auto place = TRY(_allocation->findUnusedRun(count, hint, avoided))) {
-    return place;
+  for (const HFSPlusBlockRanges* avoided : {&std::as_const(pendingAndLive), &pendingBlocks}) {
+    for (const uint64_t least : {inOneRun, inOneRun / kFewPieces + 1, uint64_t{1}}) {
+      HFSPlusRecordPlace place(bytes, _hostVolumeHeader.blockSize);
+      const auto take = [&](uint32_t block, uint64_t count) { return place.add(block, count); };
+      if (TRY(_allocation->takeUnusedRuns({least, inOneRun}, hint, *avoided, take))) {
+        return place;
+      }
+    }
   }
-  return _allocation->findUnusedRun(count, hint, pendingBlocks);
+  return std::nullopt;
 }
 
 Result<> HFSPlusVolume::_flushSpecialFiles() {

@@ -55,7 +55,7 @@ uint32_t HFSPlusCopyZone::recordBlocks() const {
   constexpr uint64_t kNodes = 4;  // of each tree
   constexpr uint64_t kFrame = 4096;
   const HFSPlusAllocation& bitmap = _volume.allocation();
-  const uint64_t bytes = kFrame + 2 * std::min<uint64_t>(bitmap.chunkSize(), bitmap.logicalSize()) +
+  const uint64_t bytes = kFrame + std::min(2 * uint64_t{bitmap.chunkSize()}, bitmap.logicalSize()) +
                          kNodes * (_volume.catalog().nodeSize() + _volume.extents().nodeSize());
   const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
   return static_cast<uint32_t>((bytes + blockSize - 1) / blockSize);
@@ -100,7 +100,9 @@ Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBl
                                             Order order) {
   const auto freeMap = TRY(HFSPlusFreeMap::open(
       _volume, _volume.allocation(), static_cast<uint32_t>(zone.end), zoneBlocks, zoneBlocks));
-  if (room == Room::LeaveForRecord) {
+  // Where there is not enough for both, the record may turn out to be smaller.
+  const uint64_t withRecord = uint64_t{zoneBlocks} + recordBlocks();
+  if (room == Room::LeaveForRecord && freeMap->blockCount() >= withRecord) {
     TRY(_setAside(*freeMap, recordBlocks()));
   }
   if (freeMap->blockCount() < zoneBlocks) {
@@ -115,7 +117,8 @@ Result<bool> HFSPlusCopyZone::_planEviction(const Measure& zone, uint32_t zoneBl
   return true;
 }
 
-/// Takes blocks in one piece off the free map, as high on the volume as there are.
+/// Takes blocks off the free map: in one piece, as high on the volume as there are, or else the
+/// smallest pieces.
 Result<> HFSPlusCopyZone::_setAside(HFSPlusFreeMap& freeMap, uint32_t blocks) const {
   const HFSPlusFreeMapEntry* highest = nullptr;
   for (const HFSPlusFreeMapEntry* entry = freeMap.firstEntry();
@@ -124,12 +127,25 @@ Result<> HFSPlusCopyZone::_setAside(HFSPlusFreeMap& freeMap, uint32_t blocks) co
       highest = entry;
     }
   }
-  if (highest == nullptr) {
-    return {};
+  std::vector<const HFSPlusFreeMapEntry*> pieces;
+  if (highest != nullptr) {
+    pieces.push_back(highest);
+  } else {
+    for (const HFSPlusFreeMapEntry* entry = freeMap.firstEntry(); entry != nullptr;
+         entry = freeMap.nextEntry(entry)) {
+      pieces.push_back(entry);
+    }
   }
-  const HFSPlusFreeMapEntry rest{highest->start, highest->count - blocks};
-  freeMap.deleteEntry(highest);
-  return rest.count > 0 ? freeMap.insert(rest.start, rest.count) : Result<>();
+  for (; blocks > 0 && !pieces.empty(); pieces.pop_back()) {
+    const HFSPlusFreeMapEntry piece = *pieces.back();
+    const uint32_t taken = std::min(blocks, piece.count);
+    freeMap.deleteEntry(pieces.back());
+    if (taken < piece.count) {
+      TRY(freeMap.insert(piece.start, piece.count - taken));
+    }
+    blocks -= taken;
+  }
+  return {};
 }
 
 Result<> HFSPlusCopyZone::_appendEvictions(HFSPlusFreeMap& freeMap, uint32_t zoneBlocks,

@@ -35,7 +35,7 @@ class HFSPlusCopyZone {
   /// error for a zone larger than the map, and with the errors of the free map and the copy list.
   [[nodiscard]] Result<Eviction> evict(uint32_t zoneBlocks, Room room);
 
-  /// Blocks that the record of a small flush may take, in one piece.
+  /// Blocks that the record of a small flush may take.
   uint32_t recordBlocks() const;
 
  private:
