@@ -4,10 +4,11 @@
 #include "HFSPlus/HFSPlusCatalog.hpp"
 #include "HFSPlus/HFSPlusFile.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
-#include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
 #include "support/doubles/TestVolume.hpp"
+#include "unit/HFSPlus/CatalogMove.hpp"
 
+using namespace catalogmove;
 using doubles::FaultyDevice;
 using doubles::messageOf;
 using doubles::TestVolume;
@@ -16,44 +17,10 @@ using Records = std::vector<doubles::RecordingDevice::Record>;
 
 namespace {
 
-constexpr uint32_t kBlockSize = 4096;
-constexpr uint32_t kTotalBlocks = 2048;
-constexpr uint64_t kAlternateOffset = uint64_t{kBlockSize} * kTotalBlocks - 1024;
-constexpr support::BlockExtent kFree = {.start = 1500, .count = 64};
-
-const support::BuiltVolume& builtVolume() {
-  static const support::BuiltVolume volume = [] {
-    support::VolumeDescription description;
-    description.blockSize = kBlockSize;
-    description.size = uint64_t{kBlockSize} * kTotalBlocks;
-    description.keptFree = {kFree};
-    description.catalog.totalNodes = 40;
-    for (int i = 0; i < 40; ++i) {
-      description.root().addFile("file " + std::to_string(i), support::fork(10000, 2));
-    }
-    return support::buildVolume(description);
-  }();
-  return volume;
-}
-
-std::vector<std::byte> image() {
-  return builtVolume().image;
-}
-
-bool isMarked(const HFSPlusVolumeHeader& header) {
-  return (header.attributes & kHFSVolumeUnmountedMask) == 0 &&
-         (header.attributes & kHFSVolumeInconsistentMask) != 0;
-}
-
 HFSPlusVolumeHeader headerOf(const std::vector<std::byte>& bytes) {
   DiskOrder<HFSPlusVolumeHeader> disk;
   std::ranges::copy(bytes, disk.bytes.begin());
   return toHost(disk);
-}
-
-/// The primary header of a volume's image.
-HFSPlusVolumeHeader headerIn(const std::vector<std::byte>& bytes) {
-  return headerOf({bytes.begin() + 1024, bytes.begin() + 1536});
 }
 
 /// The image with zeros in the blocks that its own bitmap calls free: there nothing is promised.
@@ -71,53 +38,6 @@ std::vector<std::byte> withoutFreeBlocks(std::vector<std::byte> bytes) {
 bool isHeader(const doubles::RecordingDevice::Record& record) {
   return record.call == Call::Write &&
          (record.offset == kHFSPlusVolumeHeaderOffset || record.offset == kAlternateOffset);
-}
-
-/// What a volume's bytes get wrong, in the checker's words; empty for a spotless one.
-std::string faultsOf(const std::vector<std::byte>& bytes) {
-  const auto result = volumecheck::checkVolumeBytes(
-      {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()},
-      {.alternate = volumecheck::AlternateRule::MustAgree, .hashForks = false});
-  return result.readable ? result.report() : "not readable: " + result.report();
-}
-
-/// A batch as the defragmenter does them: moves the catalog file to free blocks, points the header
-/// there, changes the bitmap accordingly and rewrites a record of the catalog itself.
-Result<> moveCatalog(HFSPlusVolume& volume, uint32_t target) {
-  const HFSPlusForkData fork = *volume.hostForkData(kHFSCatalogFileID);
-  uint32_t next = target;
-  std::vector<std::byte> bytes;
-  for (const HFSPlusExtentDescriptor& extent : fork.extents) {
-    bytes.resize(uint64_t{extent.blockCount} * kBlockSize);
-    TRY(volume.read(bytes, uint64_t{extent.startBlock} * kBlockSize));
-    TRY(volume.write(bytes, uint64_t{next} * kBlockSize));
-    next += extent.blockCount;
-  }
-  for (const HFSPlusExtentDescriptor& extent : fork.extents) {
-    TRY(volume.allocation().clear(extent.startBlock, extent.blockCount));
-  }
-  TRY(volume.allocation().set(target, next - target));
-  const HFSPlusCatalogRecord record = TRY(volume.catalog().copyRecordForCNID(16));
-  TRY(volume.catalog().updateForkExtents(record.file().dataFork.extents, 16, kHFSDataForkType,
-                                         false));
-  return volume.updateForkExtents({{{target, next - target}}}, kHFSCatalogFileID);
-}
-
-/// A whole run: one batch, its flush, and the end, which comes whatever the batch met.
-Result<> runMovingCatalog(HFSPlusVolume& volume) {
-  volume.beginRewriting();
-  Result<> result = moveCatalog(volume, kFree.start);
-  if (result) {
-    const auto flushed = volume.flush();
-    if (!flushed) {
-      result = std::unexpected(flushed.error());
-    }
-  }
-  if (!result) {
-    static_cast<void>(volume.discardChanges());
-  }
-  const Result<> ended = volume.endRewriting();
-  return result ? ended : result;
 }
 
 struct OpenVolume : TestVolume {
