@@ -61,7 +61,9 @@ Result<> HFSPlusBTreeFile::discardChanges() {
   _updated = false;
   ++_writtenNodes;
   // Without a header no node is in range: a tree that cannot be read again cannot be used either.
-  _hostHeaderRec = {};
+  BTHeaderRec none{};
+  none.nodeSize = _hostHeaderRec.nodeSize;
+  _hostHeaderRec = none;
   _hostHeaderRec = TRY(_readHeader());
   return _loadMapRecords();
 }

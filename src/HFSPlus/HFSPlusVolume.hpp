@@ -122,8 +122,13 @@ class HFSPlusVolume final : public XRDefragVolume,
   /// no room for the record of that flush; what it would have written is forgotten.
   [[nodiscard]] Result<> endRewriting();
 
-  /// Forgets every metadata change since the last flush: everything reads as it is on disk.
+  /// Forgets every metadata change since the last flush: everything reads as it is on disk. After
+  /// an error in reading it again, a special file cannot be used until reread() succeeds.
   [[nodiscard]] Result<> discardChanges();
+
+  /// Reads again what discardChanges() could not, if there is any such thing. For the beginning of
+  /// a run: what went wrong in the one before it may have passed.
+  [[nodiscard]] Result<> reread() { return _mustReread ? discardChanges() : Result<>(); }
 
  private:
   /// Whether the header on disk says that the volume is in flux.
@@ -181,6 +186,7 @@ class HFSPlusVolume final : public XRDefragVolume,
   HFSPlusHeldWrites _heldWrites;
   std::optional<HFSPlusFlushPlan> _unfinishedFlush;  // some of its writes may have been done
   bool _rewriting = false;
+  bool _mustReread = false;  // a special file is not in memory as it is on disk
   FluxMark _fluxMark = FluxMark::Absent;
   bool _alternateWritten = false;  // since the mark was set, so it carries the mark as well
 

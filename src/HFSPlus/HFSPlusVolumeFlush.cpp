@@ -257,6 +257,7 @@ Result<> HFSPlusVolume::discardChanges() {
                         _attributes ? _attributes->discardChanges() : Result<>()};
   static_cast<void>(_allocation->takeFreeBlockDrift());
   const auto failed = std::ranges::find_if(results, [](const auto& result) { return !result; });
+  _mustReread = failed != results.end();
   return failed == results.end() ? Result<>() : std::move(*failed);
 }
 

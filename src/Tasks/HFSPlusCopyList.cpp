@@ -148,6 +148,9 @@ Result<uint32_t> HFSPlusCopyList::_updateForks(bool countProgress) {
       _report(std::span(forks).subspan(done, next - done), countProgress);
       done = next;
       least = 1;
+      if (done < forks.size()) {
+        TRY(_mayGoOn());
+      }
       continue;
     }
     TRY(_volume.discardChanges());

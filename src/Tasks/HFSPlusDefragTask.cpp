@@ -125,6 +125,7 @@ Result<> HFSPlusDefragTask::_rewriteVolume() {
 }
 
 Result<> HFSPlusDefragTask::_run() {
+  TRY(_volume.reread());
   HFSPlusDefragProgress progress = _makeProgress();
   if (!_compact) {
     TRY(_prepareProfiles());
