@@ -81,29 +81,30 @@ auto HFSPlusCopyList::_transfersOf(Block&& blockOf) const -> std::vector<Transfe
   return transfers;
 }
 
-Result<> HFSPlusCopyList::_readSources() {
+/// Has every transfer carried out, given its part of the buffer and its byte offset on the volume.
+template <typename Block, typename CarryOut>
+Result<> HFSPlusCopyList::_transfer(Block&& blockOf, CarryOut&& carryOut) {
   bool first = true;
-  for (const Transfer& transfer : _transfersOf(&HFSPlusCopyEntry::source)) {
+  for (const Transfer& transfer : _transfersOf(blockOf)) {
     if (!std::exchange(first, false)) {
       TRY(_mayGoOn());
     }
-    TRY(_volume.read(_buffer.blocks(transfer.bufferBlock, transfer.count),
-                     uint64_t{transfer.block} * _buffer.blockSize()));
+    TRY(carryOut(_buffer.blocks(transfer.bufferBlock, transfer.count),
+                 uint64_t{transfer.block} * _buffer.blockSize()));
   }
   return {};
 }
 
+Result<> HFSPlusCopyList::_readSources() {
+  return _transfer(&HFSPlusCopyEntry::source, [this](std::span<std::byte> bytes, uint64_t offset) {
+    return _volume.read(bytes, offset);
+  });
+}
+
 Result<> HFSPlusCopyList::_writeDestinations() {
-  const auto destination = [](const HFSPlusCopyEntry& entry) { return entry.nustart; };
-  bool first = true;
-  for (const Transfer& transfer : _transfersOf(destination)) {
-    if (!std::exchange(first, false)) {
-      TRY(_mayGoOn());
-    }
-    TRY(_volume.write(_buffer.blocks(transfer.bufferBlock, transfer.count),
-                      uint64_t{transfer.block} * _buffer.blockSize()));
-  }
-  return {};
+  return _transfer(&HFSPlusCopyEntry::nustart, [this](std::span<std::byte> bytes, uint64_t offset) {
+    return _volume.write(bytes, offset);
+  });
 }
 
 std::vector<HFSPlusCopyGroup> HFSPlusCopyList::groups() const {

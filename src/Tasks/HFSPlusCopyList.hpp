@@ -92,6 +92,8 @@ class HFSPlusCopyList {
 
   template <typename Block>
   std::vector<Transfer> _transfersOf(Block&& blockOf) const;
+  template <typename Block, typename CarryOut>
+  Result<> _transfer(Block&& blockOf, CarryOut&& carryOut);
   Result<> _checkFit() const;
   Result<> _readSources();
   Result<> _writeDestinations();
