@@ -4,15 +4,18 @@ include(GNUInstallDirs)
 set(XRDEFRAG_STRINGS_DIR ${CMAKE_INSTALL_DATADIR}/xrdefrag/strings)
 
 install(TARGETS xrdefrag RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS xrdefrag-view RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES translations/template.plist translations/de.plist DESTINATION ${XRDEFRAG_STRINGS_DIR})
-install(FILES README.md docs/protocol.md docs/reliability.md docs/architecture.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES packaging/completions/xrdefrag.bash RENAME xrdefrag
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES packaging/completions/_xrdefrag
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-install(FILES packaging/completions/xrdefrag.fish
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+foreach(program xrdefrag xrdefrag-view)
+  install(FILES packaging/completions/${program}.bash RENAME ${program}
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES packaging/completions/_${program}
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+  install(FILES packaging/completions/${program}.fish
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+endforeach()
 
 # Debian wants manual pages and change logs compressed, reproducibly.
 find_program(GZIP gzip REQUIRED)
@@ -26,6 +29,8 @@ function(xrdefrag_install_compressed source destination name)
   install(FILES ${compressed} DESTINATION ${destination})
 endfunction()
 xrdefrag_install_compressed(packaging/man/xrdefrag.8 ${CMAKE_INSTALL_MANDIR}/man8 xrdefrag.8)
+xrdefrag_install_compressed(packaging/man/xrdefrag-view.8 ${CMAKE_INSTALL_MANDIR}/man8
+                            xrdefrag-view.8)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME xrdefrag)
@@ -36,6 +41,8 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 without any file-system driver. It reports every file's extents, the
 volume's fragmentation and its allocation bitmap, and rewrites the volume
 so that every fork lies in one piece, or all data at the front.
+.
+xrdefrag-view shows all that in a terminal, as a page, or as JSON.
 .
 Every batch of moves is atomic: a crash at any moment costs nothing but
 starting the program again.")
