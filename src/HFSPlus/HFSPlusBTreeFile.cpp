@@ -216,10 +216,6 @@ void HFSPlusBTreeFile::setNodeCacheSize(uint32_t bytes) {
   _nodeCache.setNodeCacheLimit(bytes / nodeSize());
 }
 
-uint32_t HFSPlusBTreeFile::descentLimit() const {
-  return std::min<uint32_t>(_hostHeaderRec.treeDepth, kMaxDepth);
-}
-
 Result<uint32_t> HFSPlusBTreeFile::childNodeOfRecord(std::span<const std::byte> record) const {
   if (record.size() >= 2) {
     const size_t child = size_t{2} + readBigEndian<uint16_t>(record.data());

@@ -97,8 +97,6 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   /// the map calls free, is in use at this moment.
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> newNodeWithIndex(uint32_t index, int8_t kind);
 
-  /// Levels that a descent may take.
-  uint32_t descentLimit() const;
   /// The node number behind the key of an index record; inconsistent() if the record is too short.
   [[nodiscard]] Result<uint32_t> childNodeOfRecord(std::span<const std::byte> record) const;
 
@@ -135,7 +133,7 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
 template <typename KeyIsGreater>
 Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::leafNodeWhere(KeyIsGreater&& keyIsGreater) {
   uint32_t index = rootNode();
-  for (uint32_t level = descentLimit(); level > 0; --level) {
+  for (uint32_t level = kMaxDepth; level > 0; --level) {
     HFSPlusBTreeNodeHold node = TRY(cachedNodeWithIndex(index));
     if (node->kind() == kBTLeafNode) {
       return node;

@@ -181,7 +181,7 @@ Result<uint32_t> HFSPlusCatalog::_childForKey(const HFSPlusBTreeNode& node,
 
 Result<HFSPlusCatalog::Position> HFSPlusCatalog::_findKey(const HFSPlusCatalogKeyView& key) {
   uint32_t index = rootNode();
-  for (uint32_t level = descentLimit(); level > 0; level--) {
+  for (uint32_t level = kMaxDepth; level > 0; level--) {
     auto node = TRY(cachedNodeWithIndex(index));
     if (node->kind() == kBTLeafNode) {
       const Slot slot = TRY(_searchNode(*node, key));

@@ -165,10 +165,10 @@ Result<> HFSPlusExtents::insertExtentRecord(const HFSPlusExtentRecord& host, uin
     TRY(_checkInsertion(key));
   }
   HFSPlusBTreeNodeHold root = TRY(cachedNodeWithIndex(rootNode()));
-  Insertion insertion = TRY(_insertRecord(*root, record, descentLimit()));
+  Insertion insertion = TRY(_insertRecord(*root, record, kMaxDepth));
   if (insertion == Insertion::NoRoom) {
     root = TRY(_growRoot(std::move(root)));
-    insertion = TRY(_insertRecord(*root, record, descentLimit()));
+    insertion = TRY(_insertRecord(*root, record, kMaxDepth));
   }
   if (insertion == Insertion::NoRoom) {
     return std::unexpected(inconsistent());
@@ -182,7 +182,7 @@ Result<> HFSPlusExtents::insertExtentRecord(const HFSPlusExtentRecord& host, uin
 Result<> HFSPlusExtents::_checkInsertion(const HFSPlusExtentKey& searchKey) {
   uint32_t index = rootNode();
   uint32_t splits = 1;
-  for (uint32_t level = descentLimit(); level > 0; --level) {
+  for (uint32_t level = kMaxDepth; level > 0; --level) {
     HFSPlusBTreeNodeHold node = TRY(cachedNodeWithIndex(index));
     const bool isLeaf = node->kind() == kBTLeafNode;
     if (!isLeaf && (node->kind() != kBTIndexNode || node->recordCount() == 0)) {
@@ -322,7 +322,7 @@ Result<> HFSPlusExtents::deleteExtentRecord(uint32_t block, uint32_t fileID, uin
   }
   const HFSPlusExtentKey searchKey = HFSPlusMakeExtentKey(fileID, forkType, block);
   HFSPlusBTreeNodeHold root = TRY(cachedNodeWithIndex(rootNode()));
-  TRY(_deleteRecord(*root, searchKey, descentLimit()));
+  TRY(_deleteRecord(*root, searchKey, kMaxDepth));
   root = TRY(cachedNodeWithIndex(rootNode()));
   if (root->recordCount() == 0) {
     markNodeAsFree(root->index());

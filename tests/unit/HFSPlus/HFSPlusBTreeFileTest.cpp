@@ -584,14 +584,19 @@ TEST_F(HFSPlusBTreeFileTest, DescentInCirclesIsInconsistent) {
   EXPECT_EQ(volume.reads.size(), 2U);
 }
 
-TEST_F(HFSPlusBTreeFileTest, DescentIsAtMostAsDeepAsTheTree) {
-  volume.editHeader([](BTHeaderRec& header) {
-    header.treeDepth = 1;
-    header.rootNode = 1;
-  });
+TEST_F(HFSPlusBTreeFileTest, DescentGoesByTheNodesWhateverDepthTheHeaderTells) {
   makeNode(volume.node(1), kBTIndexNode, {{10, 2}});
   makeNode(volume.node(2), kBTLeafNode, {{10, 0}});
-  EXPECT_EQ(messageOf(openPlainTree(volume)->leafNodeWhere(isGreaterThan(1))), kInconsistent);
+  for (const int depth : {0, 1, 2, 9, 0xFFFF}) {
+    volume.editHeader([depth](BTHeaderRec& header) {
+      header.treeDepth = static_cast<uint16_t>(depth);
+      header.rootNode = 1;
+    });
+    const auto tree = openPlainTree(volume);
+    const auto leaf = tree->leafNodeWhere(isGreaterThan(1));
+    ASSERT_EQ(messageOf(leaf), "") << depth;
+    EXPECT_EQ((*leaf)->index(), 2U);
+  }
 }
 
 TEST_F(HFSPlusBTreeFileTest, DescentNeedsIndexNodesWithRecordsAndChildren) {
