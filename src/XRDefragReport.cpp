@@ -47,15 +47,22 @@ void XRDefragReport::printAndFlush(std::string_view lines) {
 }
 
 void XRDefragReport::_append(std::string_view lines, bool flush) {
+  const bool mayWait = !LWMainThread::isCurrent();
   std::unique_lock lock(_lock);
-  if (!LWMainThread::isCurrent()) {
+  if (mayWait) {
     _roomChanged.wait(lock, [this] { return _hasRoom(); });
   }
   _printed += lines;
   const bool isDue = (flush || _printed.size() >= kPrintedBytes) && _send();
+  const uint64_t sent = _sent;
   lock.unlock();
-  if (isDue) {
-    _dueChanged.notify_one();
+  if (!isDue) {
+    return;
+  }
+  _dueChanged.notify_one();
+  if (flush && mayWait) {
+    lock.lock();
+    _writtenChanged.wait(lock, [&] { return _written >= sent || !_waits; });
   }
 }
 
@@ -65,6 +72,7 @@ bool XRDefragReport::_send() {
     return false;
   }
   const bool inBackground = _hasWriter();
+  _sent += _printed.size();
   if (!inBackground) {
     _sink(_printed);
   } else if (_due.empty()) {
@@ -103,8 +111,10 @@ void XRDefragReport::_write() {
     lock.unlock();
     _roomChanged.notify_all();
     _sink(lines);
-    lines.clear();
     lock.lock();
+    _written += lines.size();
+    lines.clear();
+    _writtenChanged.notify_all();
   }
 }
 
@@ -120,6 +130,7 @@ void XRDefragReport::stopWaiting() {
     _wantRoom.clear();
   }
   _roomChanged.notify_all();
+  _writtenChanged.notify_all();
 }
 
 void XRDefragReport::whenThereIsRoom(std::function<void()> call) {

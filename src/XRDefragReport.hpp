@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -13,8 +14,8 @@
 ///
 /// A reader that does not read must not keep the main thread from hearing a signal or QUIT, nor a
 /// rewriting task from ending when it is told to. So a thread of the report's own does the writing.
-/// Ahead of it lies a bounded backlog: a task that finds it full waits for room, the main thread
-/// never does, and once the tool is to end nobody does. Without that thread (see
+/// A task waits until what it has flushed is written, and for room in front of that thread; the
+/// main thread never waits, and once the tool is to end nobody does. Without that thread (see
 /// writeInBackground()) lines are written by whoever flushes them.
 class XRDefragReport {
  public:
@@ -49,7 +50,7 @@ class XRDefragReport {
   /// Calls back once there is room: now, or later on the writing thread, which must not be kept.
   void whenThereIsRoom(std::function<void()> call);
 
-  /// Has no thread wait for room any more, those that do included. No call is made after this.
+  /// Has no thread wait any more, those that do included. No call is made after this.
   void stopWaiting();
 
  private:
@@ -64,8 +65,11 @@ class XRDefragReport {
   std::mutex _lock;
   std::condition_variable _dueChanged;
   std::condition_variable _roomChanged;
-  std::string _printed;  // not yet to be written
-  std::string _due;      // to be written by the thread
+  std::condition_variable _writtenChanged;
+  std::string _printed;   // not yet to be written
+  std::string _due;       // to be written by the thread
+  uint64_t _sent = 0;     // bytes that were ever due
+  uint64_t _written = 0;  // bytes of these that have been written
   std::vector<std::function<void()>> _wantRoom;
   bool _inBackground = false;
   bool _waits = true;

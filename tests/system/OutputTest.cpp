@@ -73,6 +73,27 @@ TEST_F(Output, ReadyLeavesAtTheEndAtTheLatest) {
   EXPECT_EQ(program.waitForExit(), 0);
 }
 
+TEST_F(Output, LinesStandInOrderWithTheDebugLogOnTheSameDescriptor) {
+  ProgramSetup setup;
+  setup.arguments = {volume};
+  setup.environment = {{"LWDebugLevel", "debug"}};
+  setup.outputIsDiagnosticsToo = true;
+  ProgramRunner program(setup);
+  program.write("FRAGINFO\nMAP\nQUIT\n");
+  const Lines lines = program.readAll();
+  EXPECT_EQ(program.waitForExit(), 0);
+  const auto place = [&](std::string_view text) {
+    return std::ranges::find_if(lines, [&](auto& line) { return line.find(text) != line.npos; }) -
+           lines.begin();
+  };
+  EXPECT_LT(place("FRAGINFO,START"), place("FRAGINFO,DEBUG,Starting at block"));
+  EXPECT_LT(place("FRAGINFO,DEBUG,Starting at block"), place("FRAGINFO,DONE"));
+  EXPECT_LT(place("FRAGINFO,DONE"), place("FRAGINFO,DEBUG,Elapsed time"));
+  EXPECT_LT(place("FRAGINFO,DEBUG,Elapsed time"), place("MAP,START"));
+  EXPECT_LT(place("MAP,DONE"), place("MAP,DEBUG,Elapsed time"));
+  EXPECT_LT(place("MAP,DEBUG,Elapsed time"), static_cast<std::ptrdiff_t>(lines.size()));
+}
+
 TEST_F(Output, AFileGetsTheSameLinesAsAPipe) {
   const std::string input = "SCAN -f\nMAP -i 2 -i 1\nBITMAP 4\nx\n";
   ProgramSetup setup;
@@ -137,6 +158,7 @@ TEST_F(Output, AScanForAReaderThatDoesNotReadEndsWhenItIsTold) {
   for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
     ProgramRunner program({"-i", "0.001", path});
     program.writeLine("SCAN");
+    EXPECT_EQ(program.readLine(), "READY");
     std::this_thread::sleep_for(kSilence);
     program.sendSignal(number);
     EXPECT_TRUE(program.waitUntilClosed(path))
@@ -145,7 +167,7 @@ TEST_F(Output, AScanForAReaderThatDoesNotReadEndsWhenItIsTold) {
     EXPECT_EQ(program.waitForExit(), 0);
     EXPECT_EQ(lines.back(), "SCAN,DONE");
     EXPECT_LT(lines.size(), 30000U) << "the pipe holds more than the scan";
-    EXPECT_EQ(lines.front(), "READY");
+    EXPECT_EQ(lines.front(), "SCAN,START");
     EXPECT_EQ(
         std::ranges::count_if(lines, [](auto& line) { return line.find("ERROR") != line.npos; }),
         0);
@@ -161,6 +183,7 @@ TEST_F(Output, ARunForAReaderThatDoesNotReadEndsWhenItIsTold) {
     setup.outputPipeBytes = 4096;
     ProgramRunner program(setup);
     program.write("DEFRAG\nCOMPACT\nDEFRAG\n");
+    EXPECT_EQ(program.readLine(), "READY");
     std::this_thread::sleep_for(kSilence);
     if (ending == std::string_view("QUIT")) {
       program.writeLine("QUIT");
@@ -173,8 +196,11 @@ TEST_F(Output, ARunForAReaderThatDoesNotReadEndsWhenItIsTold) {
     expectIntact(path);
     const Lines lines = program.readAll();
     EXPECT_EQ(program.waitForExit(), 0);
-    EXPECT_EQ(std::ranges::count(lines, "DEFRAG,DONE"), 2);
-    EXPECT_EQ(std::ranges::count(lines, "COMPACT,DONE"), 1);
+    for (const std::string task : {"DEFRAG", "COMPACT"}) {
+      EXPECT_EQ(std::ranges::count(lines, task + ",START"),
+                std::ranges::count(lines, task + ",DONE"));
+    }
+    EXPECT_NE(std::ranges::find(lines, "DEFRAG,DONE"), lines.end());
   }
 }
 

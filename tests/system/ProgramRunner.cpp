@@ -191,7 +191,8 @@ void ProgramRunner::start(const ProgramSetup& setup) {
   if (_process == 0) {
     putInPlace(input, STDIN_FILENO);
     putInPlace(output, STDOUT_FILENO);
-    putInPlace(output >= 0 ? _diagnostics : -1, STDERR_FILENO);
+    const int diagnostics = setup.outputIsDiagnosticsToo ? output : _diagnostics;
+    putInPlace(output >= 0 ? diagnostics : -1, STDERR_FILENO);
     takeSettings(setup);
     ::fexecve(program, argv.data(), envp.data());
     ::_exit(kCannotStart);

@@ -28,6 +28,7 @@ struct ProgramSetup {
   int outputPipeBytes = 0;      // what the pipe holds, in whole pages; 0 for as much as usual
   User user = User::Same;
   std::map<std::string, std::string> environment = {};  // added to the tests' own
+  bool outputIsDiagnosticsToo = false;                  // as after 2>&1
   std::vector<int> ignoredSignals = {};  // as a shell does for what it starts in the background
   std::vector<int> blockedSignals = {};
   std::string program = XRDEFRAG_PROGRAM;

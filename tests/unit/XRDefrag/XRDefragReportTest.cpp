@@ -171,7 +171,7 @@ TEST(XRDefragReport, ATaskWaitsForAReaderUntilItIsToEnd) {
     const std::string line = lineOf('x', 999);
     std::jthread task([&](const std::stop_token& stop) {
       while (!stop.stop_requested()) {
-        report.printAndFlush(line);
+        report.print(line);
         printed += line.size();
       }
     });
@@ -181,14 +181,50 @@ TEST(XRDefragReport, ATaskWaitsForAReaderUntilItIsToEnd) {
       before = printed;
       std::this_thread::sleep_for(50ms);
     } while (before == 0 || printed != before);
-    // What the sink holds, what waits for it, and the line that is being printed.
-    EXPECT_LE(printed, 2 * XRDefragReport::kBacklogBytes + 2 * line.size());
+    // What the sink holds, what waits for it, and what has not been sent to it.
+    EXPECT_LE(printed, 5 * XRDefragReport::kBacklogBytes);
     task.request_stop();
     report.stopWaiting();
     task.join();
     reader.goOn();
   }
   EXPECT_EQ(reader.text().size(), printed);
+}
+
+TEST(XRDefragReport, WhatATaskHasFlushedIsWritten) {
+  Reader reader;
+  XRDefragReport report(reader.sink());
+  report.writeInBackground();
+  std::jthread([&] {
+    for (int count = 1; count <= 100; ++count) {
+      report.print("a\n");
+      report.printAndFlush("b\n");
+      ASSERT_EQ(reader.text().size(), 4U * static_cast<size_t>(count));
+    }
+  }).join();
+}
+
+TEST(XRDefragReport, ATaskThatFlushesWaitsNoLongerOnceTheToolIsToEnd) {
+  Reader reader;
+  {
+    XRDefragReport report(reader.sink());
+    report.writeInBackground();
+    reader.stop();
+    std::atomic<bool> returned = false;
+    std::jthread task([&] {
+      report.printAndFlush("MAP,START\n");
+      returned = true;
+      report.printAndFlush("MAP,DONE\n");
+    });
+    reader.waitUntilCalled();
+    std::this_thread::sleep_for(20ms);
+    EXPECT_FALSE(returned);
+    report.stopWaiting();
+    task.join();
+    EXPECT_EQ(reader.text(), "");
+    reader.goOn();
+  }
+  EXPECT_EQ(reader.text(), "MAP,START\nMAP,DONE\n");
 }
 
 TEST(XRDefragReport, TellsWhenThereIsRoom) {
