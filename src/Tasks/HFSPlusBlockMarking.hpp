@@ -6,14 +6,8 @@
 
 class HFSPlusVolume;
 
-// Marking blocks in the bitmap that are in use but not marked so, before anything is written that
-// could be written on them.
-
-/// Sets what is clear of the blocks, and logs a warning for each run. Fails with "Allocation block
-/// %1$lu is out of range." and bitmap errors.
+/// Marks blocks in the bitmap that are in use but not marked so, before anything is written that
+/// could be written on them. Sets what is clear of the blocks, and logs a warning for each run.
+/// Fails with "Allocation block %1$lu is out of range." and bitmap errors.
 [[nodiscard]] Result<> HFSPlusMarkOwnedBlocks(HFSPlusVolume& volume, uint64_t start,
                                               uint64_t count);
-
-/// Marks the blocks of forks that the catalog does not list: those of extended attributes and of a
-/// bad-blocks file that is kept in the overflow file alone. Errors as above and of the trees.
-[[nodiscard]] Result<> HFSPlusMarkUnlistedForks(HFSPlusVolume& volume);

@@ -3,7 +3,6 @@
 #include "HFSPlus/HFSPlusForkExtents.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
-#include "Tasks/HFSPlusBlockMarking.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
 Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool compact) {
@@ -32,7 +31,6 @@ Result<std::optional<uint32_t>> HFSPlusDefragPreparation::prepareForRun(bool com
 /// records of flushes go wherever the bitmap says that it is free, in this stretch or another.
 Result<> HFSPlusDefragPreparation::checkVolume() {
   _stretch.setImmutableFileForks(TRY(_volume.immutableForkIDs(true)));
-  TRY(HFSPlusMarkUnlistedForks(_volume));
   TRY(_stretch.build(0));
   _mapIsCurrent = _stretch.reachesVolumeEnd();
   while (!_stretch.reachesVolumeEnd()) {

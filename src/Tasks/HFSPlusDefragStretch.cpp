@@ -13,6 +13,7 @@
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "Tasks/HFSPlusBlockMarking.hpp"
+#include "Tasks/HFSPlusUnlistedForks.hpp"
 
 namespace {
 
@@ -56,6 +57,7 @@ Result<> HFSPlusDefragStretch::_buildExtentMap() {
   TRY(_insertHeaders());
   TRY(_insertJournal());
   TRY(_insertBadBlocks());
+  TRY(_insertUnlistedForks());
   TRY(_insertSpecialFiles());
   TRY(_volume.scanCatalogFiles(*this));
   if (_cancelled()) {
@@ -109,6 +111,14 @@ Result<> HFSPlusDefragStretch::_insertBadBlocks() {
   return _insertFileExtents(record.file(), kHFSPlusExtentImmutable);
 }
 
+/// Known to the map like everything else that has an owner, so that blocks are found which a file
+/// claims as well.
+Result<> HFSPlusDefragStretch::_insertUnlistedForks() {
+  return HFSPlusVisitUnlistedForks(_volume, [this](const HFSPlusExtentDescriptor& extent) {
+    return _insertExtent(extent.startBlock, extent.blockCount, 0, kImmutable);
+  });
+}
+
 Result<> HFSPlusDefragStretch::_insertSpecialFiles() {
   TRY(_buildSpecialFileExtentMap(kHFSAllocationFileID, kHFSPlusExtentAllocated));
   TRY(_buildSpecialFileExtentMap(kHFSAttributesFileID, kHFSPlusExtentAllocated));
@@ -129,6 +139,10 @@ Result<> HFSPlusDefragStretch::_buildSpecialFileExtentMap(uint32_t fileID, HFSPl
 Result<> HFSPlusDefragStretch::scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                                                const HFSPlusCatalogKeyView&) {
   const HFSPlusCatalogFile host = toHost(file);
+  // The map could not tell the blocks of such a file from free ones, or from the volume's own.
+  if (host.fileID == 0 || _volume.isSpecialFile(host.fileID)) {
+    return std::unexpected(_volume.catalog().inconsistent());
+  }
   // Bad blocks stay where they are, also when the catalog lists them like any other file.
   return _insertFileExtents(
       host, host.fileID == kHFSBadBlockFileID ? kHFSPlusExtentImmutable : kHFSPlusExtentAllocated);

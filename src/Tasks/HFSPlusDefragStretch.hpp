@@ -36,8 +36,8 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
 
   /// Builds the map from a block on. Fails with "Overflow extent record missing.", "Allocation
   /// block %1$lu is out of range.", the overlapping-extent message, "Volume is inconsistent." when
-  /// the journal has transactions in it, when cancelled, and with the errors of the trees and the
-  /// bitmap.
+  /// the journal has transactions in it, "Catalog file is inconsistent." for a file with an ID that
+  /// no file can have, when cancelled, and with the errors of the trees and the bitmap.
   [[nodiscard]] Result<> build(uint32_t startBlock);
 
   /// The map; empty before the first build().
@@ -60,6 +60,7 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   Result<> _insertHeaders();
   Result<> _insertJournal();
   Result<> _insertBadBlocks();
+  Result<> _insertUnlistedForks();
   Result<> _insertSpecialFiles();
   Result<> _buildSpecialFileExtentMap(uint32_t fileID, HFSPlusExtentType type);
   Result<> _insertFileExtents(const HFSPlusCatalogFile& file, HFSPlusExtentType type);

@@ -244,6 +244,35 @@ TEST(HFSPlusDefragPreparation, OverlappingForksAreRefusedBeforeAnyWrite) {
   EXPECT_TRUE(error.starts_with("Invalid overlapping extent with start block = 1")) << error << id;
 }
 
+// The file would be moved, and its blocks, which hold the attribute or are bad, would be free.
+TEST(HFSPlusDefragPreparation, FilesOnBlocksOfForksThatTheCatalogDoesNotListAreRefused) {
+  support::VolumeDescription description = plainStretchVolume();
+  const uint32_t id = addFileAt(description, "A", {{1000, 10}});
+  support::FileDescription& owner = description.root().addFile("B");
+  const uint64_t blockSize = description.blockSize;
+  owner.addForkAttribute("fork", support::forkAt({{1100, 12}}, 12 * blockSize));
+  description.addBadBlocks({{1200, 12}}, support::BadBlocksPlace::overflowOnly);
+  const std::vector<std::byte> sound = support::buildVolume(description).image;
+  for (const uint32_t start : {1105U, 1205U}) {
+    std::vector<std::byte> image = sound;
+    replaceExtent(image, {1000, 10}, {start, 10});
+    EXPECT_EQ(refusalOf(image), LWFormat("Invalid overlapping extent with start block = %u\\, "
+                                         "block count = 10 and CNID %u.",
+                                         start, id));
+  }
+}
+
+TEST(HFSPlusDefragPreparation, FilesWithAnIDThatNoFileCanHaveAreRefused) {
+  support::VolumeDescription description = plainStretchVolume();
+  addFileAt(description, "A", {{1000, 10}});
+  support::FileDescription& file = description.root().addFile("B");
+  for (const uint32_t id : {0U, 3U, 4U, 6U, 7U, 8U}) {
+    file.id = id;
+    EXPECT_EQ(refusalOf(support::buildVolume(description).image), "Catalog file is inconsistent.")
+        << id;
+  }
+}
+
 TEST(HFSPlusDefragPreparation, ExtentsOutsideTheVolumeAreRefusedBeforeAnyWrite) {
   support::VolumeDescription description = plainStretchVolume();
   addFileAt(description, "A", {{1000, 10}});
