@@ -56,5 +56,10 @@ class VolumeCommands final : public XRDefragCommandSet {
 Result<std::unique_ptr<XRDefragCommandSet>> XRDefragOpenVolumeCommands(
     const XRDefragCommandLine& line) {
   const auto hfsxVolumes = line.hfsx ? HFSXVolumes::Accepted : HFSXVolumes::Refused;
-  return std::make_unique<VolumeCommands>(TRY(XRDefragOpenVolume(line.device, hfsxVolumes)));
+  return XRDefragCommandsForVolume(TRY(XRDefragOpenVolume(line.device, hfsxVolumes)));
+}
+
+std::unique_ptr<XRDefragCommandSet> XRDefragCommandsForVolume(
+    std::unique_ptr<HFSPlusVolume> volume) {
+  return std::make_unique<VolumeCommands>(std::move(volume));
 }

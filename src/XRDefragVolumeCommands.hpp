@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "HFSPlus/HFSPlusVolume.hpp"
 #include "XRDefragCommandLine.hpp"
 #include "XRDefragCommandSet.hpp"
 #include "XRDefragError.hpp"
@@ -10,3 +11,7 @@
 /// with the device's error, with "Unsupported volume format." or with the volume's own error.
 [[nodiscard]] Result<std::unique_ptr<XRDefragCommandSet>> XRDefragOpenVolumeCommands(
     const XRDefragCommandLine& line);
+
+/// The commands for a volume that is open already.
+[[nodiscard]] std::unique_ptr<XRDefragCommandSet> XRDefragCommandsForVolume(
+    std::unique_ptr<HFSPlusVolume> volume);
