@@ -138,7 +138,7 @@ void paintKeys(Canvas& canvas, const Scene& scene) {
     keys = {{"Enter", "keep"}, {"Esc", "no filter"}};
   } else if (scene.run != nullptr) {
     keys = {{"x", "stop"}};
-  } else {
+  } else if (scene.examination == nullptr) {
     keys = {{"d", "defragment"}, {"c", "compact"}};
   }
   if (!scene.typingFilter) {
@@ -148,7 +148,7 @@ void paintKeys(Canvas& canvas, const Scene& scene) {
     if (filesShown) {
       keys.insert(keys.end(), {{"/", "filter"}, {"s", "sort"}, {"l", "list"}});
     }
-    if (scene.run == nullptr) {
+    if (scene.run == nullptr && scene.examination == nullptr) {
       keys.emplace_back("r", "look again");
     }
     keys.insert(keys.end(), {{"h", "help"}, {"q", "quit"}});

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
@@ -61,8 +60,10 @@ std::string ViewTest::standIn(const std::string& body) {
 }
 
 std::string ViewTest::readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::string bytes(fs::exists(path) ? fs::file_size(path) : 0, '\0');
+  std::ifstream(path, std::ios::binary)
+      .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
 }
 
 void ViewTest::expectIntact(const std::string& path) {
