@@ -53,16 +53,23 @@ std::string htmlHistogram(const std::string& title, const std::string& unit,
     return text + "<p class=\"note\">There are none.</p></section>\n";
   }
   text += "<div class=\"histogram\">\n";
+  bool skipping = false;
   for (size_t magnitude = 0; magnitude < classes; ++magnitude) {
-    text += "<div class=\"class\"><span class=\"label\">" + Histogram::label(magnitude) + "</span>";
-    text += "<span class=\"bars\">";
-    if (before != nullptr) {
-      text += bar("bar earlier", before->count(magnitude), largest);
+    const uint64_t earlier = before == nullptr ? 0 : before->count(magnitude);
+    if (earlier == 0 && histogram.count(magnitude) == 0) {
+      text += skipping ? "" : "<span class=\"label\">…</span><span></span>\n";
+      skipping = true;
+      continue;
     }
-    text += bar("bar", histogram.count(magnitude), largest) + "</span></div>\n";
+    skipping = false;
+    text += "<span class=\"label\">" + Histogram::label(magnitude) + "</span><span class=\"bars\">";
+    if (before != nullptr) {
+      text += bar("bar earlier", earlier, largest);
+    }
+    text += bar("bar", histogram.count(magnitude), largest) + "</span>\n";
   }
-  return text + "</div><p class=\"note\">" + html(unit) +
-         " The bars are logarithmic.</p></section>\n";
+  return text + "</div><p class=\"note\">" + html(unit) + " The bars are logarithmic" +
+         (before == nullptr ? "." : ", the grey ones are before.") + "</p></section>\n";
 }
 
 }  // namespace view
