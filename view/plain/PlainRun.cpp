@@ -79,12 +79,41 @@ class PlainSession {
     return {};
   }
 
+  /// Asks the person at the terminal, who may also answer with ^C.
+  Outcome<> confirm(const CommandLine& line, const Picture& picture) {
+    if (line.assumeYes) {
+      return {};
+    }
+    std::fprintf(stderr, "%s %s (%s)? The volume will be rewritten. Type yes: ",
+                 line.order->compact ? "Compact" : "Defragment", visibleText(line.device).c_str(),
+                 prettyBlocks(picture, picture.blocks()).c_str());
+    std::string answer;
+    for (Waited waited; !waited.keyboard;) {
+      waited = waitForNews(_session.get(), _signals, true, -1);
+      if (_session->isOver()) {
+        return std::unexpected(_session->trouble().value_or(stopped()));
+      }
+      if (SignalWatch::isDeadly(waited.signal)) {
+        std::fputc('\n', stderr);
+        return std::unexpected(stopped());
+      }
+      takeSignal(waited.signal);
+    }
+    std::getline(std::cin, answer);
+    if (answer != "yes") {
+      return fail(ExitStatus::Cancelled, "Nothing was changed.");
+    }
+    return {};
+  }
+
   void finish() {
     _session->quit();
     _session->finish(kSafePointWait);
   }
 
  private:
+  static Failure stopped() { return {ExitStatus::Cancelled, "Stopped; nothing was changed."}; }
+
   template <typename Done, typename Show>
   Outcome<> waitUntil(Done isDone, Show show) {
     double shownAt = 0;
@@ -104,8 +133,10 @@ class PlainSession {
       }
     }
     if (_session->isQuitting()) {
-      _session->finish(kSafePointWait);
-      return fail(ExitStatus::Cancelled, "Stopped; the volume is sound.");
+      return _session->finish(kSafePointWait)
+                 ? fail(ExitStatus::Cancelled, "Stopped; the volume is sound.")
+                 : fail(ExitStatus::Cancelled,
+                        "xrdefrag goes on by itself to its next safe point, and ends there.");
     }
     return {};
   }
@@ -125,25 +156,6 @@ class PlainSession {
   ProgressDisplay _progress{stderr};
   std::unique_ptr<Session> _session;
 };
-
-Outcome<> confirm(const CommandLine& line, const Picture& picture) {
-  if (line.assumeYes) {
-    return {};
-  }
-  const char* verb = line.order->compact ? "Compact" : "Defragment";
-  if (::isatty(STDIN_FILENO) != 1) {
-    return fail(ExitStatus::Usage, "Nobody can be asked here whether to rewrite " +
-                                       visibleText(line.device) + "; --yes says so beforehand.");
-  }
-  std::fprintf(stderr, "%s %s (%s)? The volume will be rewritten. Type yes: ", verb,
-               visibleText(line.device).c_str(), prettyBlocks(picture, picture.blocks()).c_str());
-  std::string answer;
-  std::getline(std::cin, answer);
-  if (answer != "yes") {
-    return fail(ExitStatus::Cancelled, "Nothing was changed.");
-  }
-  return {};
-}
 
 Outcome<> writeFiles(const CommandLine& line, const Picture* before, const Picture& picture) {
   if (!line.saveFile.empty()) {
@@ -193,7 +205,8 @@ Outcome<> runPlain(const CommandLine& line) {
     return std::unexpected(launch.error());
   }
   if (line.order && !line.assumeYes && ::isatty(STDIN_FILENO) != 1) {
-    return confirm(line, {});
+    return fail(ExitStatus::Usage, "Nobody can be asked here whether to rewrite " +
+                                       visibleText(line.device) + "; --yes says so beforehand.");
   }
   Outcome<std::unique_ptr<Session>> opened = Session::open(*launch);
   if (!opened) {
@@ -206,7 +219,7 @@ Outcome<> runPlain(const CommandLine& line) {
   }
   std::optional<Picture> before;
   if (line.order) {
-    if (const auto confirmed = confirm(line, *picture); !confirmed) {
+    if (const auto confirmed = session.confirm(line, *picture); !confirmed) {
       return confirmed;
     }
     if (const auto rewritten = session.rewrite(*line.order, *picture); !rewritten) {

@@ -219,6 +219,10 @@ void ScreenApplication::takeSignal(int number) {
     _terminal.resize();
   } else if (number == SIGTSTP) {
     suspend();
+  } else if (number == SIGCONT) {
+    // Whoever had the terminal meanwhile may have left it in any state.
+    _terminal.stop();
+    _terminal.resume();
   } else if (SignalWatch::isDeadly(number)) {
     _failure = Failure{ExitStatus::Cancelled, "Ended by a signal."};
     // The screen goes at once; xrdefrag goes on to its next safe point, with or without us.

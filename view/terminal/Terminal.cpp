@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "base/Text.hpp"
+#include "terminal/TerminalKind.hpp"
 #include "terminal/TerminalRescue.hpp"
 
 namespace view {
@@ -54,6 +55,13 @@ Colours coloursOf(Ink ink, int colours) {
   return colours >= 256 ? kPaletteOf256[place] : kPaletteOf8[place];
 }
 
+/// A cell in ASCII, in as many columns as it has: what takes more letters gets a sign of its own.
+std::string asciiCell(const std::string& text, bool isWide) {
+  const std::string plain = asciiText(text);
+  const std::string sign = plain.size() <= 1 ? plain : text == "…" ? "~" : plain.substr(0, 1);
+  return isWide ? sign + " " : sign;
+}
+
 char32_t keyOf(int code) {
   switch (code) {
     case KEY_UP:
@@ -85,7 +93,7 @@ Terminal::~Terminal() {
 
 Outcome<> Terminal::start() {
   TerminalRescue::remember();
-  if (::newterm(nullptr, stdout, stdin) == nullptr) {
+  if (!terminalHasScreen() || ::newterm(nullptr, stdout, stdin) == nullptr) {
     const char* name = std::getenv("TERM");
     return fail(ExitStatus::Usage,
                 std::string("A terminal of type \"") + (name == nullptr ? "" : name) +
@@ -170,12 +178,14 @@ void Terminal::show(const Canvas& canvas) {
       const Style style = canvas.cell(row, column).style;
       const size_t begin = column;
       std::string text;
-      while (column < canvas.columns() && canvas.cell(row, column).style == style) {
-        text += canvas.cell(row, column++).text;
+      for (; column < canvas.columns() && canvas.cell(row, column).style == style; ++column) {
+        const std::string& cell = canvas.cell(row, column).text;
+        const bool isWide =
+            column + 1 < canvas.columns() && canvas.cell(row, column + 1).text.empty();
+        text += _unicode ? cell : asciiCell(cell, isWide);
       }
       ::attr_set(attributesFor(style), pairFor(style), nullptr);
-      ::mvaddstr(static_cast<int>(row), static_cast<int>(begin),
-                 _unicode ? text.c_str() : asciiText(text).c_str());
+      ::mvaddstr(static_cast<int>(row), static_cast<int>(begin), text.c_str());
     }
   }
   ::attr_set(A_NORMAL, 0, nullptr);

@@ -20,9 +20,16 @@ class ViewScreenTest : public ViewTest {
   /// The words that start the front end in a shell, with what became of it and of the terminal
   /// behind.
   static std::string command(const std::string& arguments, const std::string& environment = "") {
-    return "clear; " + environment + " " + XRDEFRAG_VIEW_PROGRAM + " " + arguments +
+    return environment + " " + XRDEFRAG_VIEW_PROGRAM + " " + arguments +
            "; echo status $?; stty -a | tr ' ;' '\n\n' | grep -x -e '-*isig' -e '-*icanon' -e "
            "'-*echo'";
+  }
+
+  /// Types a command on a screen that shows nothing of the one before.
+  static void start(TmuxScreen& screen, const std::string& words) {
+    screen.type("clear");
+    screen.waitUntilGone("status");
+    screen.type(words);
   }
 
   /// The terminal is as it was, and the program ended with a status.
@@ -69,7 +76,7 @@ done)");
 
 TEST_F(ViewScreenTest, ASmallTerminalShowsMapThenFiles) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(volume));
+  start(screen, command(volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   EXPECT_NE(screen.text().find("323 files in 1,553 pieces"), std::string::npos) << screen.text();
   EXPECT_NE(screen.text().find("several pieces"), std::string::npos);
@@ -82,7 +89,7 @@ TEST_F(ViewScreenTest, ASmallTerminalShowsMapThenFiles) {
 
 TEST_F(ViewScreenTest, ALargeTerminalShowsBothAndFollowsItsSize) {
   TmuxScreen screen(folder, 80, 300);
-  screen.type(command(volume));
+  start(screen, command(volume));
   ASSERT_TRUE(screen.waitFor("Most fragmented files")) << screen.text();
   EXPECT_NE(screen.text().find("metadata and immovable"), std::string::npos);
   screen.resize(24, 80);
@@ -104,7 +111,7 @@ TEST_F(ViewScreenTest, EveryKindOfTerminalIsServed) {
                                                 {"vt100", false}};
   for (const auto& [terminal, hasColours] : kinds) {
     TmuxScreen screen(folder, 24, 80, terminal);
-    screen.type(command(volume));
+    start(screen, command(volume));
     ASSERT_TRUE(screen.waitFor("d defragment")) << terminal << "\n" << screen.text();
     EXPECT_EQ(hasColour(screen), hasColours) << terminal;
     screen.press("q");
@@ -114,27 +121,29 @@ TEST_F(ViewScreenTest, EveryKindOfTerminalIsServed) {
 
 TEST_F(ViewScreenTest, WithoutColoursOrUnicodeTheMapHasSigns) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(volume, "NO_COLOR=1"));
+  start(screen, command(volume, "NO_COLOR=1"));
   ASSERT_TRUE(screen.waitFor("░ one piece")) << screen.text();
   EXPECT_FALSE(hasColour(screen));
   screen.press("q");
   expectLeft(screen, 0);
-  screen.type(command("--no-color " + volume, "LC_ALL=C"));
+  start(screen, command("--no-color " + volume, "LC_ALL=C"));
   ASSERT_TRUE(screen.waitFor("o one piece  # several pieces  m metadata  . free")) << screen.text();
   screen.press("q");
   expectLeft(screen, 0);
 }
 
 TEST_F(ViewScreenTest, ATerminalWithoutAScreenIsToldWhatToDo) {
-  TmuxScreen screen(folder, 24, 80, "dumb");
-  screen.type(command(volume, "TERM=no-such-terminal"));
-  EXPECT_TRUE(screen.waitFor("--summary does without")) << screen.text();
-  expectLeft(screen, 2);
+  TmuxScreen screen(folder, 24, 80);
+  for (const char* terminal : {"TERM=no-such-terminal", "TERM=dumb", "TERM="}) {
+    start(screen, command(volume, terminal));
+    EXPECT_TRUE(screen.waitFor("has no screen")) << screen.text();
+    expectLeft(screen, 2);
+  }
 }
 
 TEST_F(ViewScreenTest, TheListIsSortedAndFiltered) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(volume));
+  start(screen, command(volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("/");
   ASSERT_TRUE(screen.waitFor("Filter:"));
@@ -156,7 +165,7 @@ TEST_F(ViewScreenTest, TheListIsSortedAndFiltered) {
 TEST_F(ViewScreenTest, DefragmentingAsksFirstAndNamesTheDevice) {
   const std::string path = scratchVolume();
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(path));
+  start(screen, command(path));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("d");
   ASSERT_TRUE(screen.waitFor("Defragment this volume?")) << screen.text();
@@ -176,7 +185,7 @@ TEST_F(ViewScreenTest, DefragmentingAsksFirstAndNamesTheDevice) {
 
 TEST_F(ViewScreenTest, ARunIsShownAndStoppedOnlyAfterAQuestion) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command("--program " + endlessRun() + " " + volume));
+  start(screen, command("--program " + endlessRun() + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("d");
   ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
@@ -210,7 +219,7 @@ TEST_F(ViewScreenTest, AChildThatIsKilledInARunIsSaidSo) {
   std::string body = readFile(endlessRun());
   body.replace(body.find("DEFRAG)"), 7, "DEFRAG) sleep 0.3; kill -9 $$;");
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command("--program " + standIn(body) + " " + volume));
+  start(screen, command("--program " + standIn(body) + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("d");
   ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
@@ -227,7 +236,7 @@ TEST_F(ViewScreenTest, AnErrorIsShownAndTheScreenGoesOn) {
       body.find("DEFRAG)"), 7,
       "DEFRAG) printf 'DEFRAG,START\\nDEFRAG,ERROR,Volume is mounted.\\nDEFRAG,DONE\\n' ;;\n  X)");
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command("--program " + standIn(body) + " " + volume));
+  start(screen, command("--program " + standIn(body) + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("d");
   ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
@@ -241,9 +250,56 @@ TEST_F(ViewScreenTest, AnErrorIsShownAndTheScreenGoesOn) {
 
 TEST_F(ViewScreenTest, AVolumeThatIsRefusedNeverTouchesTheScreen) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(pathOf("none")));
+  start(screen, command(pathOf("none")));
   expectLeft(screen, 1);
   EXPECT_NE(screen.text().find("xrdefrag-view: "), std::string::npos) << screen.text();
+}
+
+TEST_F(ViewScreenTest, APasswordIsAskedForBeforeTheScreenIsTaken) {
+  const std::filesystem::path tools = folder / "tools";
+  std::filesystem::create_directory(tools);
+  const std::string sudo = tools / "sudo";
+  std::filesystem::rename(standIn(R"(
+printf 'Password: ' >/dev/tty
+read -r word </dev/tty
+[ "$word" = right ] || { echo 'sudo: 1 incorrect password attempt' >&2; exit 1; }
+shift
+exec "$@")"),
+                          sudo);
+  TmuxScreen screen(folder, 24, 80);
+  const std::string words =
+      command("--privilege sudo " + volume, "PATH=" + tools.string() + ":$PATH");
+  start(screen, words);
+  ASSERT_TRUE(screen.waitFor("Password:")) << screen.text();
+  screen.type("wrong");
+  expectLeft(screen, 3);
+  EXPECT_NE(screen.text().find("1 incorrect password attempt"), std::string::npos);
+  start(screen, words);
+  ASSERT_TRUE(screen.waitFor("Password:")) << screen.text();
+  screen.type("right");
+  ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
+  screen.press("q");
+  expectLeft(screen, 0);
+}
+
+TEST_F(ViewScreenTest, WithoutAScreenTheQuestionIsAskedAtTheTerminal) {
+  const std::string path = scratchVolume();
+  TmuxScreen screen(folder, 24, 80);
+  start(screen, command("--defrag " + path));
+  ASSERT_TRUE(screen.waitFor("Type yes:")) << screen.text();
+  screen.press("C-c");
+  expectLeft(screen, 5);
+  start(screen, command("--defrag " + path));
+  ASSERT_TRUE(screen.waitFor("Type yes:")) << screen.text();
+  screen.type("no");
+  expectLeft(screen, 5);
+  EXPECT_EQ(readFile(path), readFile(volume));
+  start(screen, command("--defrag " + path));
+  ASSERT_TRUE(screen.waitFor("Type yes:")) << screen.text();
+  screen.type("yes");
+  EXPECT_TRUE(screen.waitFor("moved in")) << screen.text();
+  expectLeft(screen, 0);
+  expectIntact(path);
 }
 
 TEST_F(ViewScreenTest, SignalsAndCrashesGiveTheTerminalBack) {
@@ -256,7 +312,7 @@ TEST_F(ViewScreenTest, SignalsAndCrashesGiveTheTerminalBack) {
   for (const auto& [number, status] : ends) {
     const std::string path = scratchVolume();
     TmuxScreen screen(folder, 24, 80);
-    screen.type("ulimit -c 0; " + command(path));
+    start(screen, "ulimit -c 0; " + command(path));
     ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
     const pid_t process = processOf(path);
     ASSERT_GT(process, 0);
@@ -267,12 +323,16 @@ TEST_F(ViewScreenTest, SignalsAndCrashesGiveTheTerminalBack) {
 
 TEST_F(ViewScreenTest, ItIsSuspendedAndGoesOn) {
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(volume));
+  start(screen, command(volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("C-z");
   ASSERT_TRUE(screen.waitFor("Stopped")) << screen.text();
   EXPECT_EQ(screen.text().find("d defragment"), std::string::npos) << screen.text();
-  screen.type("clear; stty -a; fg; echo back $?");
+  screen.type("clear; fg; echo back $?");
+  ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
+  ::kill(processOf(volume), SIGSTOP);
+  ASSERT_TRUE(screen.waitFor("Stopped")) << screen.text();
+  screen.type("clear; fg; echo back $?");
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   screen.press("q");
   EXPECT_TRUE(screen.waitFor("back 0")) << screen.text();
@@ -281,7 +341,7 @@ TEST_F(ViewScreenTest, ItIsSuspendedAndGoesOn) {
 TEST_F(ViewScreenTest, ATerminalThatIsTakenAwayEndsItAndItsChild) {
   const std::string path = scratchVolume();
   TmuxScreen screen(folder, 24, 80);
-  screen.type(command(path));
+  start(screen, command(path));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
   ASSERT_GT(processOf(path), 0);
   screen.close();
