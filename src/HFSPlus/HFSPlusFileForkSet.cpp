@@ -50,12 +50,25 @@ void HFSPlusFileForkSet::add(uint32_t fileID, uint8_t forkType) {
   if (contains(fileID, forkType)) {
     return;
   }
-  if ((count() + 1) * 4 > _entriesSet.size() * 3) {
-    growSet();
-  }
   Key key = keyOf(fileID, forkType);
-  _entriesSet[slotOf(key)] = key;
+  addToSet(key);
   _entriesArray.push_back(key);
+}
+
+void HFSPlusFileForkSet::addInFront(std::span<const HFSPlusFileFork> fileForks) {
+  if (fileForks.size() > _removedFront) {
+    // Some room more, so that the next ones find it; not so much that it is soon swept away.
+    size_t room = fileForks.size() + count() / 4;
+    _entriesArray.insert(_entriesArray.begin(), room, 0);
+    _removedFront += room;
+  }
+  for (size_t index = fileForks.size(); index > 0; --index) {
+    const HFSPlusFileFork& fork = fileForks[index - 1];
+    LW_ASSERT(!contains(fork.fileID, fork.forkType));
+    Key key = keyOf(fork.fileID, fork.forkType);
+    addToSet(key);
+    _entriesArray[--_removedFront] = key;
+  }
 }
 
 bool HFSPlusFileForkSet::contains(uint32_t fileID, uint8_t forkType) const {
@@ -82,6 +95,13 @@ void HFSPlusFileForkSet::removeFileForkAtIndex(size_t index) {
     _entriesArray.erase(begin, begin + static_cast<std::ptrdiff_t>(_removedFront));
     _removedFront = 0;
   }
+}
+
+void HFSPlusFileForkSet::addToSet(Key key) {
+  if ((count() + 1) * 4 > _entriesSet.size() * 3) {
+    growSet();
+  }
+  _entriesSet[slotOf(key)] = key;
 }
 
 /// Empties a key's slot and moves back the keys behind it that had to make way for it.

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "HFSPlus/HFSPlusPathLookup.hpp"
@@ -15,8 +16,9 @@ struct HFSPlusFileFork {
 
 /// A set of forks that remembers the order in which they were first added.
 ///
-/// Adding, asking and taking the first member away are constant-time whatever the file IDs are,
-/// with some 24 bytes a member. Removing from the middle moves all later members up.
+/// Adding, asking, and taking the first member away or putting it back are constant-time whatever
+/// the file IDs are, with some 24 bytes a member. Removing from the middle moves all later members
+/// up.
 class HFSPlusFileForkSet {
  public:
   size_t count() const { return _entriesArray.size() - _removedFront; }
@@ -24,6 +26,9 @@ class HFSPlusFileForkSet {
 
   /// Appends a fork; one that is a member already keeps its place.
   void add(uint32_t fileID, uint8_t forkType);
+
+  /// Puts forks that are no members in front of all others, in the order given.
+  void addInFront(std::span<const HFSPlusFileFork> fileForks);
 
   bool contains(uint32_t fileID, uint8_t forkType) const;
 
@@ -43,6 +48,7 @@ class HFSPlusFileForkSet {
   static HFSPlusFileFork forkOf(Key key);
   size_t homeOf(Key key) const;
   size_t slotOf(Key key) const;
+  void addToSet(Key key);
   void removeFromSet(Key key);
   void growSet();
 

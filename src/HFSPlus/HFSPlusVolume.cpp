@@ -337,7 +337,7 @@ Result<HFSPlusTranslation> HFSPlusVolume::translateOffset(uint64_t offset, uint3
                             .length = end - offset};
 }
 
-Result<HFSPlusFileForkSet> HFSPlusVolume::immutableForkIDs([[maybe_unused]] bool includeHotFiles) {
+Result<HFSPlusFileForkSet> HFSPlusVolume::immutableForkIDs(bool includeHotFiles) {
   HFSPlusFileForkSet forks;
   for (const std::string_view path : {"/.journal_info_block", "/.journal"}) {
     const Result<HFSPlusCatalogRecord> record = _catalog->copyRecordForPath(path);

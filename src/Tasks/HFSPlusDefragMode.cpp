@@ -198,15 +198,10 @@ void HFSPlusDefragMode::_restoreProfileMembers() {
   if (_state.finished.empty()) {
     return;
   }
-  HFSPlusFileForkSet profile;
-  for (const HFSPlusFileFork& member : _state.finished) {
-    profile.add(member.fileID, member.forkType);
+  if (!_profileFileForks) {
+    _profileFileForks.emplace();
   }
-  for (size_t i = 0; _profileFileForks && i < _profileFileForks->count(); ++i) {
-    const HFSPlusFileFork member = _profileFileForks->fileForkAtIndex(i);
-    profile.add(member.fileID, member.forkType);
-  }
-  _profileFileForks = std::move(profile);
+  _profileFileForks->addInFront(_state.finished);
 }
 
 void HFSPlusDefragMode::_clearEntry() {

@@ -108,7 +108,7 @@ void RandomVolume::drawTrees() {
   drawTree(_volume.catalog, 4096, 14);
   drawTree(_volume.extentsTree, 512, 8);
   drawTree(_volume.attributesTree, 4096, 12);
-  _volume.hasAttributesFile = _random.chance(80);
+  _volume.hasAttributesFile = _options.placementHints || _random.chance(80);
   if (_random.chance(25))
     _volume.allocationFragments = between(2, 4);
   if (_random.chance(20))
@@ -136,7 +136,7 @@ void RandomVolume::drawTree(TreeDescription& tree, uint32_t leastNodeSize, uint3
 
 void RandomVolume::drawFolders() {
   _folders.push_back(&_volume.root());
-  if (_random.chance(30)) {
+  if (_options.placementHints || _random.chance(30)) {
     _folders.push_back(&_volume.root().folderAt("Applications"));
     _folders.push_back(&_volume.root().folderAt("Applications/Utilities"));
   }
@@ -220,9 +220,9 @@ void RandomVolume::drawLinks() {
 void RandomVolume::drawExtras() {
   if (_random.chance(25))
     drawBadBlocks();
-  if (_random.chance(25))
+  if (_options.placementHints || _random.chance(25))
     drawHotFiles();
-  if (_random.chance(25))
+  if (_options.placementHints || _random.chance(25))
     drawPlaylist();
   if (_random.chance(15))
     _volume.keptFree = drawRuns(between(1, 4), 30, 45);
@@ -300,7 +300,7 @@ void RandomVolume::drawAttributes() {
       }
     }
   };
-  if (!_random.chance(50))
+  if (!_options.placementHints && !_random.chance(50))
     return;
   const uint32_t percent = between(2, 60);
   for (FileDescription* file : _files) {

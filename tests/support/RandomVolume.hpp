@@ -26,6 +26,8 @@ struct RandomVolumeOptions {
   /// Also what a checker complains of: blocks set in the bitmap without an owner, blocks owned but
   /// clear in it, a bad-blocks file with a catalog record.
   bool anomalies = false;
+  /// Always a boot playlist, applications, hot files and attributes, some of them with forks.
+  bool placementHints = false;
 };
 
 /// A volume drawn over all shapes that the builder can make; consistent unless anomalies are asked

@@ -3,7 +3,6 @@
 // XRDEFRAG_REAL_VOLUMES=folder for volumes that nobody here made, XRDEFRAG_KILLS=n for n kills.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include "support/VolumeChecker.hpp"
 #include "support/doubles/LoopDevice.hpp"
 #include "system/ProgramRunner.hpp"
+#include "system/RewritingFixture.hpp"
 
 namespace {
 
@@ -29,38 +29,8 @@ uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
   return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-std::string joined(const Lines& lines) {
-  std::string text;
-  for (const std::string& line : lines) {
-    text += line + "\n";
-  }
-  return text;
-}
-
-/// A folder for the volumes of one test.
-class Rewriting : public testing::Test {
+class Rewriting : public RewritingFixture {
  protected:
-  Rewriting() {
-    std::string name = fs::temp_directory_path() / "RewritingTest.XXXXXX";
-    _folder = ::mkdtemp(name.data());
-  }
-  ~Rewriting() override { fs::remove_all(_folder); }
-
-  fs::path path(const std::string& name) const { return _folder / name; }
-
-  /// Runs one command to its DONE line and ends the program.
-  Lines run(const std::string& device, const std::string& command) const {
-    Lines words = _options;
-    words.push_back(device);
-    ProgramRunner program(words);
-    program.writeLine(command);
-    const Lines lines =
-        program.readUntil(command.substr(0, command.find(' ')) + ",DONE", std::chrono::minutes(5));
-    program.writeLine("QUIT");
-    EXPECT_EQ(program.waitForExit(), 0);
-    return lines;
-  }
-
   /// Holds a volume against what was read of it before.
   static void expectNothingLost(const fs::path& volume, const CheckResult& before) {
     const CheckResult after = volumecheck::checkVolumeFile(volume);
@@ -90,8 +60,6 @@ class Rewriting : public testing::Test {
     }
   }
 
-  fs::path _folder;
-  Lines _options;  // that the program is started with
   std::string _lastFragInfo;
 };
 

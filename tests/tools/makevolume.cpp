@@ -42,6 +42,7 @@ enum Option : int {
   kDirty,
   kInconsistent,
   kAnomalies,
+  kPlacement,
   kList,
   kHelp
 };
@@ -68,6 +69,7 @@ constexpr option kOptions[] = {{"preset", required_argument, nullptr, kPreset},
                                {"dirty", no_argument, nullptr, kDirty},
                                {"inconsistent", no_argument, nullptr, kInconsistent},
                                {"anomalies", no_argument, nullptr, kAnomalies},
+                               {"placement", no_argument, nullptr, kPlacement},
                                {"list", no_argument, nullptr, kList},
                                {"help", no_argument, nullptr, kHelp},
                                {}};
@@ -101,6 +103,7 @@ void printHelp() {
       "  --locked, --dirty, --inconsistent\n"
       "                           the volume's state\n"
       "  --anomalies              (random) also blocks that the bitmap has wrong\n"
+      "  --placement              (random) always with boot playlist, applications and hot files\n"
       "  --list                   print ID, fork, size, blocks, extents and path of every fork\n"
       "  --help                   print this text and exit\n"
       "\n"
@@ -149,6 +152,7 @@ struct Request {
   bool hfsx = false;
   bool binaryNames = false;
   bool anomalies = false;
+  bool placement = false;
   bool list = false;
   std::string file;
 };
@@ -230,6 +234,9 @@ void takeOption(Request& request, int option, const char* value) {
     case kAnomalies:
       request.anomalies = true;
       break;
+    case kPlacement:
+      request.placement = true;
+      break;
     case kList:
       request.list = true;
       break;
@@ -267,6 +274,7 @@ VolumeDescription startingPoint(const Request& request) {
     options.fillPercent = request.fill;
     options.hfsx = request.hfsx;
     options.anomalies = request.anomalies;
+    options.placementHints = request.placement;
     return randomVolume(request.plain.seed, options);
   }
   for (const VolumePreset& preset : volumePresets()) {

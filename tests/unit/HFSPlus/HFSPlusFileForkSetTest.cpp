@@ -86,7 +86,18 @@ TEST(HFSPlusFileForkSet, BehavesLikeAListWithoutRepetitions) {
                            static_cast<uint8_t>(random() % 2 * 0xFF)};
       bool isMember = std::ranges::find(model, fork) != model.end();
       ASSERT_EQ(set.contains(fork.fileID, fork.forkType), isMember);
-      if (random() % 3 != 0) {
+      if (random() % 20 == 0 && !model.empty()) {
+        // Some are taken away from the front, and some of these put back.
+        const size_t taken = random() % model.size();
+        const size_t kept = random() % (taken + 1);
+        for (size_t i = 0; i < taken; ++i) {
+          set.removeFileForkAtIndex(0);
+        }
+        const auto begin = model.begin() + static_cast<std::ptrdiff_t>(kept);
+        const auto end = model.begin() + static_cast<std::ptrdiff_t>(taken);
+        set.addInFront({begin, end});
+        model.erase(model.begin(), begin);
+      } else if (random() % 3 != 0) {
         set.add(fork.fileID, fork.forkType);
         if (!isMember) {
           model.push_back(fork);
@@ -100,6 +111,34 @@ TEST(HFSPlusFileForkSet, BehavesLikeAListWithoutRepetitions) {
     }
     EXPECT_EQ(membersOf(set), model);
   }
+}
+
+TEST(HFSPlusFileForkSet, ForksThatArePutBackInFrontComeFirst) {
+  HFSPlusFileForkSet set;
+  set.add(1, 0);
+  set.addInFront(std::vector<HFSPlusFileFork>{{2, 0}, {2, 0xFF}, {3, 0}});
+  EXPECT_EQ(membersOf(set), (std::vector<HFSPlusFileFork>{{2, 0}, {2, 0xFF}, {3, 0}, {1, 0}}));
+  EXPECT_TRUE(set.contains(2, 0xFF));
+  EXPECT_DEATH(set.addInFront(std::vector<HFSPlusFileFork>{{1, 0}}), "");
+}
+
+TEST(HFSPlusFileForkSet, TakingFromTheFrontAndPuttingBackIsNotSlowerForAHundredThousand) {
+  HFSPlusFileForkSet set;
+  for (uint32_t fileID = 16; fileID < 100'016; ++fileID) {
+    set.add(fileID, kHFSDataForkType);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<HFSPlusFileFork> taken;
+  while (!set.empty()) {
+    taken.clear();
+    for (int i = 0; i < 4 && !set.empty(); ++i) {
+      taken.push_back(set.fileForkAtIndex(0));
+      set.removeFileForkAtIndex(0);
+    }
+    set.addInFront(std::span(taken).subspan(1));
+  }
+  // Quadratic work would take minutes.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
 TEST(HFSPlusFileForkSet, AMillionForksAreTakenFromTheFrontInNoTime) {

@@ -34,14 +34,30 @@ uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
   return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
+support::RandomVolumeOptions optionsOf(uint64_t seed, uint32_t fillPercent) {
   support::RandomVolumeOptions options;
   options.mostBytes = 2 << 20;
   options.mostFiles = 40;
   options.fillPercent = fillPercent;
   options.strayRecords = true;
   options.hfsx = seed % 5 == 3;
-  return support::randomVolume(seed, options);
+  return options;
+}
+
+/// What a run of either command, or one with placement profiles, is made on.
+struct Setting {
+  support::RandomVolumeOptions options;
+  std::string command;
+};
+
+Setting plainSetting(uint64_t seed) {
+  return {optionsOf(seed, kFills[seed % 4]), seed % 2 == 0 ? "COMPACT -q" : "DEFRAG -q"};
+}
+
+Setting profileSetting(uint64_t seed) {
+  Setting setting{optionsOf(seed, kFills[seed % 4]), "DEFRAG -q --profile boot,app"};
+  setting.options.placementHints = true;
+  return setting;
 }
 
 /// Opens the volume in an image, as a new start of the program would, and gives back what is on
@@ -76,9 +92,8 @@ class Budget {
 /// One volume, one run, and every way to interrupt it.
 class InterruptedRun {
  public:
-  InterruptedRun(uint64_t seed, uint32_t fillPercent, bool compact)
-      : _random(seed), _command(compact ? "COMPACT -q" : "DEFRAG -q") {
-    if (auto built = support::tryBuildVolume(shapeOf(seed, fillPercent))) {
+  InterruptedRun(uint64_t seed, const Setting& setting) : _random(seed), _command(setting.command) {
+    if (auto built = support::tryBuildVolume(support::randomVolume(seed, setting.options))) {
       _before = built->image.empty() ? Image() : Image(built->image.begin(), built->image.end());
       _run = std::make_unique<RewritingRun>(std::move(*built));
     }
@@ -95,17 +110,26 @@ class InterruptedRun {
     });
     _limits.copyBufferBlocks = _random.between(2, 120);
     _errorOfRun = RewritingRun::errorIn(_run->run(_command, _limits));
-    EXPECT_EQ(_run->faults(), "");
+    EXPECT_EQ(faultsIn(_run->device().image()), "");
     _changes = recording->changes();
   }
 
   size_t pointCount() const { return _changes.size() + 1; }
 
+  /// Of the volumes that were looked at, those with the playlist as it was, and without its bytes.
+  size_t keptPlaylists() const { return _keptPlaylists; }
+  size_t emptiedPlaylists() const { return _emptiedPlaylists; }
+
   /// Cuts the run off at every `stride`-th point, in every way.
   void cut(size_t stride, Budget& budget) {
+    cut(_random.between(0, static_cast<uint32_t>(stride - 1)), pointCount(), stride, budget);
+  }
+
+  /// Cuts the run off at points from `first` to before `end`.
+  void cut(size_t first, size_t end, size_t stride, Budget& budget) {
     PowerCut powerCut(_before, _changes);
-    for (size_t point = _random.between(0, static_cast<uint32_t>(stride - 1));
-         point < powerCut.pointCount() && !budget.isSpent(); point += stride) {
+    for (size_t point = first; point < std::min(end, powerCut.pointCount()) && !budget.isSpent();
+         point += stride) {
       powerCut.advanceTo(point);
       for (size_t way = 0; way < kTornWays + 2 && budget.take(); ++way) {
         if (way > 0 && !powerCut.hasUnsynced()) {
@@ -171,8 +195,17 @@ class InterruptedRun {
     expectRunsAgain(*recovered);
   }
 
+  std::string faultsIn(const Image& image) {
+    if (!_command.contains("boot")) {
+      return _run->faultsIn(image);
+    }
+    const std::string faults = _run->faultsIn(image);
+    ++(faults.empty() ? _keptPlaylists : _emptiedPlaylists);
+    return faults.empty() ? faults : _run->faultsBesidesEmptiedPlaylistIn(image);
+  }
+
   void expectNothingLost(const Image& image) {
-    EXPECT_EQ(_run->faultsIn(image), "");
+    EXPECT_EQ(faultsIn(image), "");
     const auto reserved = [](const Image& bytes) {
       Image sectors(bytes.begin(), bytes.begin() + 1024);
       sectors.insert(sectors.end(), bytes.end() - 512, bytes.end());
@@ -196,6 +229,8 @@ class InterruptedRun {
   std::string _errorOfRun;
   Image _before;
   std::vector<RecordingDevice::Record> _changes;
+  size_t _keptPlaylists = 0;
+  size_t _emptiedPlaylists = 0;
 };
 
 TEST(Crash, ACutRunIsBroughtToAnEndByOpeningTheVolume) {
@@ -204,7 +239,7 @@ TEST(Crash, ACutRunIsBroughtToAnEndByOpeningTheVolume) {
   uint64_t runs = 0;
   for (uint64_t seed = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1); !budget.isSpent(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    InterruptedRun run(seed, kFills[seed % 4], seed % 2 == 0);
+    InterruptedRun run(seed, plainSetting(seed));
     if (!run.isPossible()) {
       continue;
     }
@@ -222,10 +257,35 @@ TEST(Crash, ACutRunIsBroughtToAnEndByOpeningTheVolume) {
   RecordProperty("runs", static_cast<int>(runs));
 }
 
+// The playlist is there or it is empty: its emptying lies among the first points, each of which is
+// looked at. What follows is cut less densely.
+TEST(Crash, ACutRunWithProfilesLosesNothingBesidesThePlaylist) {
+  constexpr size_t kFirstPoints = 40;
+  const uint64_t statesPerRun =
+      std::max<uint64_t>(numberFromEnvironment("XRDEFRAG_CRASH_STATES", 2000) / 16, 100);
+  uint64_t runs = 0;
+  for (uint64_t seed = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1); runs < 4; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    InterruptedRun run(seed, profileSetting(seed));
+    if (!run.isPossible()) {
+      continue;
+    }
+    run.record();
+    Budget beginning(kFirstPoints * (kTornWays + 2) * 4);
+    run.cut(0, kFirstPoints, 1, beginning);
+    EXPECT_GT(run.keptPlaylists(), 0U);
+    EXPECT_GT(run.emptiedPlaylists(), 0U);
+    Budget rest(statesPerRun);
+    run.cut(std::max<size_t>(run.pointCount() * kTornWays / statesPerRun, 1), rest);
+    ++runs;
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
 TEST(Crash, EveryWriteAndSyncMayFail) {
   for (uint64_t seed = numberFromEnvironment("XRDEFRAG_TEST_SEED", 1), runs = 0; runs < 4; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    InterruptedRun run(seed, kFills[seed % 4], seed % 2 == 0);
+    InterruptedRun run(seed, plainSetting(seed));
     if (!run.isPossible()) {
       continue;
     }

@@ -33,7 +33,7 @@ uint64_t seedCount() {
   return std::getenv("XRDEFRAG_TEST_SEED") ? 1 : kSeeds;
 }
 
-support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
+support::RandomVolumeOptions optionsOf(uint64_t seed, uint32_t fillPercent) {
   support::RandomVolumeOptions options;
   options.mostBytes = 6 << 20;
   options.mostFiles = 80;
@@ -42,7 +42,7 @@ support::VolumeDescription shapeOf(uint64_t seed, uint32_t fillPercent) {
   options.strayRecords = true;
   options.anomalies = true;
   options.hfsx = seed % 4 == 3;
-  return support::randomVolume(seed, options);
+  return options;
 }
 
 /// Whether a placement profile has something to go by.
@@ -50,12 +50,23 @@ bool hasProfiles(const volumecheck::VolumeTruth& truth) {
   return truth.findItem("/Applications") || truth.findItem("/private/var/db/BootCache.playlist");
 }
 
+/// A zone that holds the extents file only in part may leave it in too many pieces to be moved.
+RewritingRun::ExtentsFile extentsFileRule(const RewritingRun& run, uint32_t fillPercent,
+                                          const RewritingRun::Limits& limits) {
+  const volumecheck::Fork& fork =
+      *run.truthBefore().findFork(kHFSExtentsFileID, volumecheck::ForkType::Data);
+  const bool mayStay = fillPercent > 50 || fork.extents.size() > 4 ||
+                       (limits.copyBufferBlocks != 0 && limits.copyBufferBlocks < fork.totalBlocks);
+  return mayStay ? RewritingRun::ExtentsFile::MayStay : RewritingRun::ExtentsFile::Moves;
+}
+
 class RandomRewriting : public testing::TestWithParam<uint32_t> {};
 
 void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
   SCOPED_TRACE(std::string(command) + " seed " + std::to_string(seed) + " fill " +
                std::to_string(fillPercent));
-  const auto built = support::tryBuildVolume(shapeOf(seed, fillPercent));
+  const auto built =
+      support::tryBuildVolume(support::randomVolume(seed, optionsOf(seed, fillPercent)));
   if (!built) {
     return;  // too full for what it was to hold
   }
@@ -74,14 +85,7 @@ void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
   EXPECT_EQ(lines.back(), std::string(command) + ",DONE");
   EXPECT_EQ(useProfiles ? run.faultsBesidesEmptiedPlaylist() : run.faults(), "");
   if (error.empty()) {
-    // A zone that holds the extents file only in part may leave it in too many pieces to be moved.
-    const volumecheck::Fork& fork =
-        *run.truthBefore().findFork(kHFSExtentsFileID, volumecheck::ForkType::Data);
-    const bool mayStay =
-        fillPercent > 50 || fork.extents.size() > 4 ||
-        (limits.copyBufferBlocks != 0 && limits.copyBufferBlocks < fork.totalBlocks);
-    const auto extentsFile =
-        mayStay ? RewritingRun::ExtentsFile::MayStay : RewritingRun::ExtentsFile::Moves;
+    const auto extentsFile = extentsFileRule(run, fillPercent, limits);
     EXPECT_EQ(defrag ? run.scatteredForks(extentsFile) : run.dataAboveFreeSpace(extentsFile), "");
   }
 }
@@ -101,6 +105,46 @@ TEST_P(RandomRewriting, CompactLosesNothingAndLeavesNoGaps) {
     if (HasFailure()) {
       return;
     }
+  }
+}
+
+/// The order of a profile run, if it came to an end that promises one, and that nothing is lost.
+void rewriteWithProfiles(uint64_t seed) {
+  constexpr uint32_t kFills[] = {5, 30, 50, 75, 90, 97, 99};
+  constexpr const char* kLines[] = {"DEFRAG --profile boot,app", "DEFRAG -q -p app,boot",
+                                    "DEFRAG --profile app,boot,app -q"};
+  const uint32_t fillPercent = kFills[seed % std::size(kFills)];
+  SCOPED_TRACE("seed " + std::to_string(seed) + " fill " + std::to_string(fillPercent));
+  support::RandomVolumeOptions options = optionsOf(seed, fillPercent);
+  options.placementHints = true;
+  const auto built = support::tryBuildVolume(support::randomVolume(seed, options));
+  if (!built) {
+    return;  // too full for what it was to hold
+  }
+  RewritingRun run(*built);
+  support::SeededRandom random(seed * 37);
+  RewritingRun::Limits limits;
+  limits.copyBufferBlocks = random.chance(20) ? 0 : random.between(1, 200);
+  limits.mapCapacity = random.chance(70) ? 0x40000 : random.between(40, 400);
+  const auto order = run.placementOrder();
+  const Lines lines = run.run(kLines[random.below(std::size(kLines))], limits);
+  const std::string error = RewritingRun::errorIn(lines);
+  EXPECT_TRUE(error.empty() || kExpectedErrors.contains(error)) << error;
+  EXPECT_EQ(lines.back(), "DEFRAG,DONE");
+  EXPECT_EQ(run.faultsBesidesEmptiedPlaylist(), "");
+  if (error.empty()) {
+    const auto extentsFile = extentsFileRule(run, fillPercent, limits);
+    EXPECT_EQ(run.firstForkOutOfOrder(order, extentsFile), "");
+    EXPECT_EQ(run.scatteredForks(extentsFile), "");
+  }
+}
+
+TEST(RandomRewritingWithProfiles, LosesNothingAndKeepsTheirOrder) {
+  constexpr uint64_t kProfileSeeds = 200;
+  const uint64_t count = seedCount() == kSeeds ? kProfileSeeds : seedCount();
+  for (uint64_t seed = firstSeed(); seed < firstSeed() + count; ++seed) {
+    rewriteWithProfiles(seed);
+    ASSERT_FALSE(HasFailure());
   }
 }
 

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "LWKit/LWStringUtilities.hpp"
+#include "support/PlacementOrder.hpp"
 
 namespace {
 
@@ -35,29 +36,8 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-bool isMovable(const Fork& fork, RewritingRun::ExtentsFile extentsFile) {
-  if (fork.cnid == volumecheck::kExtentsFileID) {
-    return extentsFile == RewritingRun::ExtentsFile::Moves;
-  }
-  return fork.type != ForkType::Attribute && fork.cnid != volumecheck::kBadBlockFileID &&
-         fork.cnid != volumecheck::kStartupFileID && fork.path != "/.journal" &&
-         fork.path != "/.journal_info_block";
-}
-
-std::vector<bool> immovableBlocks(const VolumeTruth& truth, RewritingRun::ExtentsFile extentsFile) {
-  std::vector<bool> immovable(truth.header.totalBlocks, true);
-  const auto clear = [&](const Extent& extent) {
-    for (uint32_t i = 0; i < extent.blockCount; ++i) {
-      immovable.at(extent.startBlock + i) = false;
-    }
-  };
-  std::ranges::for_each(truth.freeRuns, clear);
-  for (const Fork& fork : truth.forks) {
-    if (isMovable(fork, extentsFile)) {
-      std::ranges::for_each(fork.extents, clear);
-    }
-  }
-  return immovable;
+bool moves(RewritingRun::ExtentsFile extentsFile) {
+  return extentsFile == RewritingRun::ExtentsFile::Moves;
 }
 
 std::string describe(const Fork& fork) {
@@ -188,11 +168,11 @@ std::string RewritingRun::faultsIn(const std::vector<std::byte>& image) const {
 
 std::string RewritingRun::scatteredForks(ExtentsFile extentsFile) {
   const VolumeTruth after = truth();
-  const std::vector<bool> immovable = immovableBlocks(after, extentsFile);
+  const std::vector<bool> immovable = immovableBlocks(after, moves(extentsFile));
   const uint32_t firstDataBlock = _volume->firstDataBlock();
   std::string lines;
   for (const Fork& fork : after.forks) {
-    if (!isMovable(fork, extentsFile)) {
+    if (!isMovable(fork, moves(extentsFile))) {
       continue;
     }
     uint32_t end = 0;  // of the extent before
@@ -214,9 +194,22 @@ std::string RewritingRun::scatteredForks(ExtentsFile extentsFile) {
   return lines;
 }
 
-std::string RewritingRun::firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order) {
+auto RewritingRun::placementOrder() -> std::vector<HFSPlusFileFork> {
+  const auto& image = _device->image();
+  volumecheck::VolumeCheckerSource source(
+      {reinterpret_cast<const uint8_t*>(image.data()), image.size()});
+  std::vector<HFSPlusFileFork> order;
+  for (const auto& fork :
+       bootAndApplicationOrder(source, truthBefore(), _volume->firstDataBlock())) {
+    order.push_back({fork.cnid, static_cast<uint8_t>(fork.type)});
+  }
+  return order;
+}
+
+std::string RewritingRun::firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order,
+                                              ExtentsFile extentsFile) {
   const VolumeTruth after = truth();
-  const std::vector<bool> immovable = immovableBlocks(after, ExtentsFile::Moves);
+  const std::vector<bool> immovable = immovableBlocks(after, moves(extentsFile));
   uint32_t next = _volume->firstDataBlock();
   for (const HFSPlusFileFork& member : order) {
     const Fork* fork = after.findFork(member.fileID, static_cast<ForkType>(member.forkType));
@@ -237,16 +230,21 @@ std::string RewritingRun::firstForkOutOfOrder(const std::vector<HFSPlusFileFork>
 }
 
 std::string RewritingRun::faultsBesidesEmptiedPlaylist() {
+  return faultsBesidesEmptiedPlaylistIn(_device->image());
+}
+
+std::string RewritingRun::faultsBesidesEmptiedPlaylistIn(
+    const std::vector<std::byte>& image) const {
   const volumecheck::CatalogItem* item = truthBefore().findItem(kPlaylistPath);
   if (!item) {
-    return faults();
+    return faultsIn(image);
   }
-  const VolumeTruth after = truth();
+  const VolumeTruth after = check(image).truth;
   const Fork* before = truthBefore().findFork(item->cnid, ForkType::Data);
   const Fork* now = after.findFork(item->cnid, ForkType::Data);
   if (!now || now->logicalSize != 0 || now->totalBlocks != 0 || !now->extents.empty() ||
       after.header.freeBlocks != after.clearBits) {
-    return faults();
+    return faultsIn(image);
   }
   const std::string fork =
       "The data fork of file " + std::to_string(item->cnid) + " " + kPlaylistPath + "'s ";
@@ -257,7 +255,7 @@ std::string RewritingRun::faultsBesidesEmptiedPlaylist() {
       "The catalog record \"BootCache.playlist\" of folder " + std::to_string(item->parentID) +
           " changed beyond its extents."};
   std::string others;
-  for (const std::string& line : splitLines(faults())) {
+  for (const std::string& line : splitLines(faultsIn(image))) {
     others += std::ranges::find(expected, line) != expected.end() ? "" : line + "\n";
   }
   return others;
@@ -273,7 +271,7 @@ std::string RewritingRun::dataAboveFreeSpace(ExtentsFile extentsFile) {
     const auto above = [&](const Extent& extent) {
       return firstFree != after.freeRuns.end() && extent.startBlock > firstFree->startBlock;
     };
-    if (isMovable(fork, extentsFile) && std::ranges::any_of(fork.extents, above)) {
+    if (isMovable(fork, moves(extentsFile)) && std::ranges::any_of(fork.extents, above)) {
       lines += describe(fork) + "\n";
     }
   }

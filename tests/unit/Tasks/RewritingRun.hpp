@@ -72,9 +72,14 @@ class RewritingRun {
   std::string scatteredForks(ExtentsFile extentsFile = ExtentsFile::Moves);
   /// The first of the forks that does not follow right on the one before it, in the order given and
   /// from the data area's first block on; only immovable blocks may come between. Empty if all do.
-  std::string firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order);
+  std::string firstForkOutOfOrder(const std::vector<HFSPlusFileFork>& order,
+                                  ExtentsFile extentsFile = ExtentsFile::Moves);
+  /// The order in which the profiles of the volume on the device, which no run has changed yet,
+  /// want its forks: those of the boot playlist, then the applications'.
+  std::vector<HFSPlusFileFork> placementOrder();
   /// faults() beyond the boot playlist's having been emptied, which a run with that profile does.
   std::string faultsBesidesEmptiedPlaylist();
+  std::string faultsBesidesEmptiedPlaylistIn(const std::vector<std::byte>& image) const;
   /// Forks with movable extents above the first free block of the data area. One line each.
   std::string dataAboveFreeSpace(ExtentsFile extentsFile = ExtentsFile::Moves);
 
