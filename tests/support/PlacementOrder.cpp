@@ -74,6 +74,17 @@ std::vector<Range> rangesOf(const std::vector<std::uint8_t>& playlist, const Vol
   return ranges;
 }
 
+// The catalog's items in the order in which a scan meets them: node by node where the catalog file
+// is well filled, along the chain of leaves where it is not.
+std::vector<CatalogItem> itemsInScanOrder(const VolumeTruth& truth) {
+  std::vector<CatalogItem> items = truth.items;
+  const std::uint32_t usedNodes = truth.catalogTree.totalNodes - truth.catalogTree.freeNodes;
+  if (truth.catalogTree.totalNodes <= 5 * usedNodes) {
+    std::ranges::stable_sort(items, {}, &CatalogItem::leafNode);
+  }
+  return items;
+}
+
 // A fork's extent takes the first range that does not end before it, if it begins in that one.
 void claim(std::vector<Range>& ranges, const Fork& fork) {
   for (const Extent& extent : fork.extents) {
@@ -134,7 +145,7 @@ std::vector<PlacedFork> bootOrder(VolumeCheckerSource& source, const VolumeTruth
                                   std::uint32_t firstDataBlock) {
   std::vector<Range> ranges = rangesOf(playlistBytes(source, truth), truth, firstDataBlock);
   const ForkIndex forks(truth);
-  for (const CatalogItem& item : truth.items) {
+  for (const CatalogItem& item : itemsInScanOrder(truth)) {
     for (const ForkType type : {ForkType::Data, ForkType::Resource}) {
       const Fork* fork = item.type == RecordType::File ? forks.find(item.cnid, type) : nullptr;
       if (fork != nullptr) {

@@ -65,7 +65,10 @@ void VolumeCheckerCatalog::check() {
     return;
   }
   _chooseOrder(tree);
-  tree.walk([this](Bytes key, Bytes data, std::uint32_t) { _readRecord(key, data); });
+  tree.walk([this](Bytes key, Bytes data, std::uint32_t node) {
+    _leafNode = node;
+    _readRecord(key, data);
+  });
   _state.truth.catalogTree = tree.truth();
   _indexItems();
   _checkThreads();
@@ -139,6 +142,7 @@ void VolumeCheckerCatalog::_readItem(RecordType type, std::uint32_t parentID, st
   }
   CatalogItem item;
   item.type = type;
+  item.leafNode = _leafNode;
   item.parentID = parentID;
   item.name = std::move(name);
   item.flags = u16At(data, 2);

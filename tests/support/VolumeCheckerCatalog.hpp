@@ -43,6 +43,7 @@ class VolumeCheckerCatalog {
   void _nameForks();
 
   VolumeCheckerState& _state;
+  std::uint32_t _leafNode = 0;  // the number of the node whose records are being read
   std::vector<Thread> _threads;
   std::unordered_map<std::uint32_t, std::size_t> _itemOf;  // by CNID
   std::unordered_map<std::uint32_t, Children> _childrenOf;

@@ -63,6 +63,7 @@ struct CatalogItem {
   std::uint32_t fileType = 0;
   std::uint32_t fileCreator = 0;
   std::uint32_t linkTarget = 0;  // hard links: the CNID of the file or folder linked to
+  std::uint32_t leafNode = 0;    // the number of the catalog node that holds the record
   bool hasThread = false;
 };
 
