@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <optional>
 #include <thread>
 
 #include "support/OutsideReaders.hpp"
@@ -31,12 +33,18 @@ uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
 
 class Rewriting : public RewritingFixture {
  protected:
+  enum class Judges { CheckerAlone, OutsidersToo };
+
   /// Holds a volume against what was read of it before.
-  static void expectNothingLost(const fs::path& volume, const CheckResult& before) {
+  static void expectNothingLost(const fs::path& volume, const CheckResult& before,
+                                Judges judges = Judges::OutsidersToo) {
     const CheckResult after = volumecheck::checkVolumeFile(volume);
     ASSERT_TRUE(after.readable) << after.report();
     EXPECT_EQ(joined(compareVolumes(before.truth, after.truth)), "");
     EXPECT_LE(after.findings.size(), before.findings.size()) << after.report();
+    if (judges == Judges::CheckerAlone) {
+      return;
+    }
     outsidereaders::AgreeOptions options;
     options.askPartclone = false;
     EXPECT_EQ(joined(outsideReadersAgree(volume, after.truth, options)), "");
@@ -113,6 +121,28 @@ TEST_F(Rewriting, ALoopDeviceIsRewrittenLikeAFile) {
   expectNothingLost(volume, before);
 }
 
+std::string bytesOf(const fs::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+/// Starts a run on a device and kills the program at some moment of it.
+void killDuringRun(const std::string& device, const char* command, std::chrono::microseconds when) {
+  ProgramRunner program({device});
+  program.writeLine(command);
+  program.readLine();
+  std::this_thread::sleep_for(when);
+  program.sendSignal(SIGKILL);
+  program.waitForExit();
+}
+
+/// Starts the program and ends it, which is all that an interrupted volume needs.
+void startAgain(const std::string& device) {
+  ProgramRunner again({device, "-q"});
+  EXPECT_EQ(again.readAll(), std::vector<std::string>());
+  EXPECT_EQ(again.waitForExit(), 0);
+}
+
 TEST_F(Rewriting, AKilledRunIsBroughtToAnEndByStartingAgain) {
   support::RandomVolumeOptions options;
   options.mostBytes = 24 << 20;
@@ -122,23 +152,61 @@ TEST_F(Rewriting, AKilledRunIsBroughtToAnEndByStartingAgain) {
   const CheckResult before = volumecheck::checkVolumeFile(original);
   support::SeededRandom random(numberFromEnvironment("XRDEFRAG_TEST_SEED", 1));
   const fs::path volume = path("volume.hfs");
-  for (uint64_t kill = 0; kill < numberFromEnvironment("XRDEFRAG_KILLS", 25); ++kill) {
+  int interrupted = 0;
+  int onLoopDevices = 0;
+  for (uint64_t kill = 0; kill < numberFromEnvironment("XRDEFRAG_KILLS", 24); ++kill) {
     SCOPED_TRACE("kill " + std::to_string(kill));
     fs::copy_file(original, volume, fs::copy_options::overwrite_existing);
-    {
-      ProgramRunner program({volume});
-      program.writeLine(kill % 2 == 0 ? "DEFRAG" : "COMPACT");
-      program.readLine();
-      std::this_thread::sleep_for(std::chrono::microseconds(random.between(0, 120'000)));
-      program.sendSignal(SIGKILL);
-      program.waitForExit();
+    const char* command = kill % 2 == 0 ? "DEFRAG" : "COMPACT";
+    const std::chrono::microseconds when(random.between(0, 120'000));
+    std::optional<doubles::LoopDevice> loop;
+    if (kill % 4 >= 2) {
+      loop.emplace(volume);
     }
-    ProgramRunner again({volume, "-q"});
-    EXPECT_EQ(joined(again.readAll()), "");
-    EXPECT_EQ(again.waitForExit(), 0);
-    expectNothingLost(volume, before);
+    const bool isOnLoop = loop && loop->works();
+    const std::string device = isOnLoop ? loop->path() : volume.string();
+    onLoopDevices += isOnLoop ? 1 : 0;
+    killDuringRun(device, command, when);
+    interrupted += volumecheck::checkVolumeFile(volume).findings.size() > before.findings.size();
+    startAgain(device);
+    loop.reset();
+    expectNothingLost(volume, before, kill % 5 == 0 ? Judges::OutsidersToo : Judges::CheckerAlone);
     ASSERT_FALSE(HasFailure());
   }
+  EXPECT_GT(interrupted, 0);
+  RecordProperty("killed in mid-run", interrupted);
+  RecordProperty("on loop devices", onLoopDevices);
+}
+
+// Who may not write sees the volume that the interrupted run leaves once it is brought to an end.
+TEST_F(Rewriting, ReportsOnAReadOnlyDeviceShowTheRecoveredVolume) {
+  support::RandomVolumeOptions options;
+  options.mostBytes = 24 << 20;
+  options.fillPercent = 80;
+  const fs::path original = path("original.hfs");
+  support::buildVolume(support::randomVolume(11, options), original);
+  const fs::path interrupted = path("interrupted.hfs");
+  support::SeededRandom random(numberFromEnvironment("XRDEFRAG_TEST_SEED", 2));
+  const size_t findingsBefore = volumecheck::checkVolumeFile(original).findings.size();
+  do {
+    fs::copy_file(original, interrupted, fs::copy_options::overwrite_existing);
+    killDuringRun(interrupted, "DEFRAG", std::chrono::microseconds(random.between(5'000, 60'000)));
+  } while (volumecheck::checkVolumeFile(interrupted).findings.size() == findingsBefore);
+
+  const fs::path recovered = path("recovered.hfs");
+  const fs::path untouched = path("untouched.hfs");
+  fs::copy_file(interrupted, recovered);
+  fs::copy_file(interrupted, untouched);
+  startAgain(recovered);
+  const doubles::LoopDevice loop(interrupted, true);
+  if (!loop.works()) {
+    GTEST_SKIP() << "There are no loop devices to be had.";
+  }
+  for (const char* command : {"FRAGINFO", "SCAN -f", "MAP -i 4", "BITMAP 8"}) {
+    EXPECT_EQ(run(loop.path(), command), run(recovered, command)) << command;
+  }
+  EXPECT_TRUE(joined(run(loop.path(), "DEFRAG")).contains("DEFRAG,ERROR,Volume is read-only.\n"));
+  EXPECT_EQ(bytesOf(interrupted), bytesOf(untouched));
 }
 
 }  // namespace
