@@ -120,7 +120,7 @@ class RunSequence {
     const uint64_t call = _random.below(1ULL << _random.between(1, 11));
     const auto told = [call](const char* what) { return what + (" at " + std::to_string(call)); };
     _faulty->repair();
-    switch (_random.below(9)) {
+    switch (_random.below(10)) {
       case 0:
         _ailing->at(call, [&task] {
           if (task) {
@@ -153,9 +153,26 @@ class RunSequence {
              .ordinal = call / 4,
              .how = _random.chance(50) ? FaultyDevice::How::Fail : FaultyDevice::How::Break});
         return told("sync error");
+      case 7:
+        return spoilSectors();
       default:
         return "nothing";
     }
+  }
+
+  /// Spoils a sector of one of the volume's own files, or any sector.
+  std::string spoilSectors() {
+    const HFSPlusVolume& volume = _run.volume();
+    constexpr uint32_t kFiles[] = {kHFSExtentsFileID, kHFSCatalogFileID, kHFSAllocationFileID};
+    const HFSPlusForkData& file = *volume.hostForkData(kFiles[_random.below(3)]);
+    const uint64_t blockSize = volume.hostVolumeHeader().blockSize;
+    const HFSPlusExtentDescriptor extent = file.extents[0];
+    const uint64_t offset = _random.chance(60)
+                                ? volume.volumeStartOffset() + extent.startBlock * blockSize +
+                                      _random.below(uint64_t{extent.blockCount} * blockSize)
+                                : _random.below(_image.size());
+    _ailing->spoilSector(offset, _random.chance(50));
+    return "bad sector at " + std::to_string(offset);
   }
 
   /// A run of either kind, or its opposite.
