@@ -69,10 +69,15 @@ class Formatter {
       _at = afterPercent;
     }
     parseFlags(specifier);
-    specifier.width = parseSize(specifier);
+    const int64_t width = parseSize();
+    specifier.leftAligned |= width < 0;
+    specifier.width = static_cast<size_t>(width < 0 ? -width : width);
     if (peek() == '.') {
       ++_at;
-      specifier.precision = parseSize(specifier);
+      // A negative precision is none.
+      if (const int64_t precision = parseSize(); precision >= 0) {
+        specifier.precision = static_cast<size_t>(precision);
+      }
     }
     while (peek() != 0 && std::string_view("hlqjzt").contains(peek())) {
       ++_at;
@@ -106,27 +111,25 @@ class Formatter {
     }
   }
 
-  /// A width or precision: digits, or "*" for the next argument.
-  size_t parseSize(Specifier& specifier) {
+  /// A width or precision: digits, or "*" for the next argument, which may be negative.
+  int64_t parseSize() {
+    constexpr auto kLimit = static_cast<int64_t>(kWidthLimit);
     if (peek() != '*') {
-      return std::min(parseNumber(), kWidthLimit);
+      return std::min(static_cast<int64_t>(parseNumber()), kLimit);
     }
     ++_at;
     if (_nextArgument >= _arguments.size()) {
       return 0;
     }
     const LWFormatArgument& argument = _arguments[_nextArgument++];
-    int64_t size = 0;
-    if (argument.kind() == LWFormatArgument::Kind::Signed) {
-      size = argument.signedValue();
-    } else if (argument.kind() == LWFormatArgument::Kind::Unsigned) {
-      size = static_cast<int64_t>(std::min<uint64_t>(argument.unsignedValue(), kWidthLimit));
+    switch (argument.kind()) {
+      case LWFormatArgument::Kind::Signed:
+        return std::clamp(argument.signedValue(), -kLimit, kLimit);
+      case LWFormatArgument::Kind::Unsigned:
+        return static_cast<int64_t>(std::min<uint64_t>(argument.unsignedValue(), kWidthLimit));
+      default:
+        return 0;
     }
-    if (size < 0) {
-      specifier.leftAligned = true;
-      size = -std::max<int64_t>(size, -static_cast<int64_t>(kWidthLimit));
-    }
-    return std::min(static_cast<size_t>(size), kWidthLimit);
   }
 
   size_t parseNumber() {
@@ -167,11 +170,17 @@ class Formatter {
   void appendReal(const Specifier& specifier, double value) {
     char buffer[512];
     const bool fits = std::string_view("fFeEgG").contains(specifier.conversion);
-    const char pattern[] = {'%', '.', '*', fits ? specifier.conversion : 'g', 0};
+    std::string pattern = specifier.plusSign ? "%+" : "%";
+    // Zeros stand between the sign and the number, where only it can put them.
+    const bool isZeroFilled = specifier.zeroPadded && !specifier.leftAligned;
+    pattern += isZeroFilled ? "0*.*" : "*.*";
+    pattern += fits ? specifier.conversion : 'g';
+    const int width = isZeroFilled ? static_cast<int>(specifier.width) : 0;
     const int precision = static_cast<int>(std::min<size_t>(specifier.precision.value_or(6), 64));
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const int length = std::snprintf(buffer, sizeof buffer, pattern, precision, value);
+    const int length =
+        std::snprintf(buffer, sizeof buffer, pattern.c_str(), width, precision, value);
 #pragma GCC diagnostic pop
     const size_t kept = std::min(static_cast<size_t>(std::max(length, 0)), sizeof buffer - 1);
     appendPadded(specifier, std::string_view(buffer, kept));
@@ -212,10 +221,12 @@ class Formatter {
                      std::string_view prefix = {}) {
     const char* digits = specifier.conversion == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
     std::string text;
-    do {
+    if (magnitude == 0 && specifier.precision != 0U) {
+      text = "0";
+    }
+    for (; magnitude != 0; magnitude /= base) {
       text += digits[magnitude % base];
-      magnitude /= base;
-    } while (magnitude != 0);
+    }
     const std::string_view sign = negative ? "-" : (specifier.plusSign ? "+" : "");
     size_t digitCount = specifier.precision.value_or(0);
     if (specifier.zeroPadded && !specifier.leftAligned && !specifier.precision) {

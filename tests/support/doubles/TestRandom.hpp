@@ -1,7 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
+#include <numeric>
+#include <optional>
 #include <random>
+#include <string>
+#include <vector>
 
 /// 32 random bits a call, the same everywhere for the same seed.
 class TestRandom {
@@ -12,3 +17,31 @@ class TestRandom {
  private:
   std::mt19937 _engine;
 };
+
+/// The seed that XRDEFRAG_TEST_SEED asks for, so that what failed can be drawn again.
+inline std::optional<uint32_t> givenTestSeed() {
+  const char* given = std::getenv("XRDEFRAG_TEST_SEED");
+  return given != nullptr ? std::optional(static_cast<uint32_t>(std::strtoul(given, nullptr, 10)))
+                          : std::nullopt;
+}
+
+/// The seed of a test that draws anew in every run, or the one asked for.
+inline uint32_t testSeed() {
+  const auto given = givenTestSeed();
+  return given ? *given : std::random_device{}();
+}
+
+/// The seeds from 1 to `count`, or the one asked for.
+inline std::vector<uint32_t> testSeeds(uint32_t count) {
+  if (const auto given = givenTestSeed()) {
+    return {*given};
+  }
+  std::vector<uint32_t> seeds(count);
+  std::iota(seeds.begin(), seeds.end(), 1);
+  return seeds;
+}
+
+/// What a failure's trace says of a seed.
+inline std::string seedText(uint32_t seed) {
+  return "XRDEFRAG_TEST_SEED=" + std::to_string(seed);
+}

@@ -294,8 +294,8 @@ TEST(HFSPlusAllocation, AForkThatIsShorterThanItsSizeFailsWithoutHarm) {
 }
 
 TEST(HFSPlusAllocation, BehavesLikeAnArrayOfBits) {
-  for (uint32_t seed = 1; seed <= 12; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(12)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     // Many chunks, so that some leave the cache; ranges gather around a few chunk boundaries.
     uint32_t blocks = 20 * kBlocksPerChunk + random() % kBlocksPerChunk;

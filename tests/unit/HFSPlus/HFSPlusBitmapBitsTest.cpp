@@ -39,8 +39,8 @@ TEST(HFSPlusBitmapBits, FullWordsAreCountedInFull) {
 }
 
 TEST(HFSPlusBitmapBits, EveryOperationDoesWhatALoopOverTheBitsDoes) {
-  for (uint32_t seed = 1; seed <= 4000; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(4000)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     std::vector<std::byte> bitmap(1 + random() % 600);
     uint32_t density = random() % 4;

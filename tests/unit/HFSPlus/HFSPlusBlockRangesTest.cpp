@@ -5,6 +5,8 @@
 #include <random>
 #include <vector>
 
+#include "support/doubles/TestRandom.hpp"
+
 namespace {
 
 TEST(HFSPlusBlockRanges, JoinsRangesThatTouch) {
@@ -21,8 +23,8 @@ TEST(HFSPlusBlockRanges, JoinsRangesThatTouch) {
 }
 
 TEST(HFSPlusBlockRanges, AgreesWithABitForEveryBlock) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE(seed);
+  const auto seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   constexpr uint64_t kBlocks = 200;
   for (int round = 0; round < 50; ++round) {

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "LWKit/LWUnicode.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "unit/HFSPlus/MemoryCatalog.hpp"
 
 namespace {
@@ -422,8 +423,8 @@ TEST(HFSPlusCatalog, ARecordOfATypeThatNobodyKnowsIsNoItem) {
 // Random trees
 
 TEST(HFSPlusCatalog, FindsEverythingInRandomTreesOfManyLevels) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   for (int round = 0; round < 40; round++) {
     MemoryCatalog tree;
@@ -463,8 +464,8 @@ TEST(HFSPlusCatalog, FindsEverythingInRandomTreesOfManyLevels) {
 }
 
 TEST(HFSPlusCatalog, RandomDamageEndsEveryOperationOneWayOrAnother) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   size_t failures = 0;
   for (int round = 0; round < 3000; round++) {

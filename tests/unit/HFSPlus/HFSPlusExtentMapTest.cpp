@@ -395,8 +395,8 @@ TEST(HFSPlusExtentMap, AFullMapGivesUpItsHighestBlocksAndStaysInItsMemory) {
 }
 
 TEST(HFSPlusExtentMap, BehavesLikeAnArrayOfOwners) {
-  for (uint32_t seed = 1; seed <= 60; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(60)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     uint32_t total = 50 + random() % 400;
     uint32_t start = random() % 20;

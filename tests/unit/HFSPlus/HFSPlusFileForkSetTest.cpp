@@ -76,8 +76,8 @@ TEST(HFSPlusFileForkSet, AnIndexOutsideTheSetStopsTheProcess) {
 }
 
 TEST(HFSPlusFileForkSet, BehavesLikeAListWithoutRepetitions) {
-  for (uint32_t seed = 1; seed <= 20; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(20)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     HFSPlusFileForkSet set;
     std::vector<HFSPlusFileFork> model;

@@ -5,6 +5,7 @@
 
 #include "HFSPlus/HFSPlusCatalog.hpp"
 #include "support/VolumeBuilder.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "support/doubles/TestVolume.hpp"
 
 using doubles::messageOf;
@@ -155,8 +156,8 @@ TEST(HFSPlusFile, ErrorsOfTheDeviceComeThrough) {
 }
 
 TEST(HFSPlusFile, EveryRangeOfAMuchFragmentedForkReadsAsItWasWritten) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  const unsigned seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   const uint64_t size = 90 * kBlockSize + 123;
   const Fixture fixture(support::fork(size, 40));

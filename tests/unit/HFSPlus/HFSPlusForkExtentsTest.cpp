@@ -11,6 +11,7 @@
 #include "support/SeededRandom.hpp"
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "support/doubles/TestVolume.hpp"
 
 void PrintTo(const HFSPlusExtentDescriptor& extent, std::ostream* stream) {
@@ -368,12 +369,13 @@ std::vector<uint32_t> blockList(const Descriptors& extents) {
   return blocks;
 }
 
-void moveAtRandom(uint64_t seed) {
-  SCOPED_TRACE("seed " + std::to_string(seed));
+void moveAtRandom(uint32_t seed) {
+  SCOPED_TRACE(seedText(seed));
   support::SeededRandom random(seed);
   Setting setting(comb(1200, static_cast<uint32_t>(random.between(1, 80)),
                        static_cast<uint32_t>(random.between(1, 6)), 9));
   std::vector<uint32_t> model = blockList(setting.fork()->copyExtentDescriptors(0));
+  uint32_t moveCount = 0;
   for (int update = 0; update < 6; ++update) {
     const auto fork = setting.fork();
     for (uint64_t moves = random.below(40); moves > 0; --moves) {
@@ -391,8 +393,11 @@ void moveAtRandom(uint64_t seed) {
       }
       const Result<> moved = fork->move(model[first], to, static_cast<uint32_t>(count));
       if (!moved) {
-        continue;  // neighbours by chance, of two extents
+        // Neighbours by chance, of two extents; nothing has changed then.
+        ASSERT_EQ(blockList(fork->copyExtentDescriptors(0)), model);
+        continue;
       }
+      ++moveCount;
       for (size_t i = 0; i < count; ++i) {
         model[first + i] = to + static_cast<uint32_t>(i);
       }
@@ -400,14 +405,15 @@ void moveAtRandom(uint64_t seed) {
     ASSERT_EQ(messageOf(fork->update()), "");
     ASSERT_EQ(blockList(fork->copyExtentDescriptors(0)), model);
   }
+  EXPECT_GT(moveCount, 0U);
   const auto result = setting.check();
   ASSERT_EQ(result.report(), "");
   ASSERT_EQ(blockList(extentsOnDisk(result.truth, setting.fileID)), model);
 }
 
 TEST(HFSPlusForkExtents, RandomMovesAgreeWithAListOfBlocks) {
-  for (uint64_t seed = 1; seed <= 20 && !testing::Test::HasFatalFailure(); ++seed) {
-    moveAtRandom(seed);
+  for (const uint32_t seed : testSeeds(20)) {
+    ASSERT_NO_FATAL_FAILURE(moveAtRandom(seed));
   }
 }
 

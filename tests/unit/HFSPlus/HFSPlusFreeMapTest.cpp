@@ -124,8 +124,8 @@ TEST(HFSPlusFreeMap, RunsOfAnySizeStandInTheirOrder) {
 }
 
 TEST(HFSPlusFreeMap, BehavesLikeASortedList) {
-  for (uint32_t seed = 1; seed <= 40; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(40)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     FreeMapOf bitmap({});
     bitmap.volume.fillRandomly(random, 1 + random() % 60);

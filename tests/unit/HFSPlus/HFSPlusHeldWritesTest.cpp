@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <random>
 
+#include "support/doubles/TestRandom.hpp"
+
 namespace {
 
 std::vector<std::byte> filled(size_t size, int value) {
@@ -68,8 +70,8 @@ TEST(HFSPlusHeldWritesDeathTest, PiecesThatOverlapAreAMistakeOfTheProgram) {
 TEST(HFSPlusHeldWrites, ReadsThroughItEqualAPlainArrayThatWasWritten) {
   constexpr size_t kUnit = 64;
   constexpr size_t kUnits = 32;
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  const unsigned seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   const auto below = [&random](size_t limit) { return random() % limit; };
 

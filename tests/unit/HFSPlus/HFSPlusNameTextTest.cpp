@@ -8,6 +8,7 @@
 
 #include "LWKit/LWUnicode.hpp"
 #include "XRDefragReport.hpp"
+#include "support/doubles/TestRandom.hpp"
 
 namespace {
 
@@ -64,8 +65,8 @@ TEST(HFSPlusNameText, HoldsTheLongestNames) {
 }
 
 TEST(HFSPlusNameText, OnePassGivesWhatDecodingAndEscapingGive) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  const auto seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   constexpr std::u16string_view kUnits = u",\\a\u00E9\u20AC\xD83D\xDE00";
   for (int round = 0; round < 20000; round++) {

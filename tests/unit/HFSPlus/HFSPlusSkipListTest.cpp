@@ -58,7 +58,7 @@ TEST(HFSPlusSkipList, RecordsStandInOrderWhateverTheOrderOfInsertion) {
 }
 
 TEST(HFSPlusSkipList, OnePlaceTakesTwoRecordsOneBeforeTheOther) {
-  for (uint32_t seed = 1; seed <= 200; ++seed) {
+  for (const uint32_t seed : testSeeds(200)) {
     HFSPlusRandom random(seed);
     List<12> list(random);
     list.insert({10, 0});
@@ -129,8 +129,8 @@ TEST(HFSPlusSkipList, RemovedNodesAreUsedAgain) {
 }
 
 TEST(HFSPlusSkipList, BehavesLikeAnOrderedMap) {
-  for (uint32_t seed = 1; seed <= 20; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const uint32_t seed : testSeeds(20)) {
+    SCOPED_TRACE(seedText(seed));
     TestRandom random(seed);
     HFSPlusRandom levels(seed);
     List<12> list(levels);

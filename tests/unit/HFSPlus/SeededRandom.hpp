@@ -1,17 +1,18 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <random>
 #include <string>
 
-/// Random numbers for tests: another seed in every run, or the one in XRDEFRAG_SEED. A test says
-/// SCOPED_TRACE(random.seedText()), so that a failure tells how to get it again.
+#include "support/doubles/TestRandom.hpp"
+
+/// Random numbers for tests: another seed in every run, or the one in XRDEFRAG_TEST_SEED. A test
+/// says SCOPED_TRACE(random.seedText()), so that a failure tells how to get it again.
 class SeededRandom {
  public:
-  SeededRandom() : _seed(chooseSeed()), _engine(_seed) {}
+  SeededRandom() : _seed(testSeed()), _engine(_seed) {}
 
-  std::string seedText() const { return "XRDEFRAG_SEED=" + std::to_string(_seed); }
+  std::string seedText() const { return ::seedText(_seed); }
   /// Below `limit`, which is not 0.
   uint32_t below(uint32_t limit) { return static_cast<uint32_t>(_engine() % limit); }
   /// Once in `n` times.
@@ -19,12 +20,6 @@ class SeededRandom {
   std::mt19937& engine() { return _engine; }
 
  private:
-  static uint32_t chooseSeed() {
-    const char* given = std::getenv("XRDEFRAG_SEED");
-    return given != nullptr ? static_cast<uint32_t>(std::strtoul(given, nullptr, 10))
-                            : std::random_device()();
-  }
-
   uint32_t _seed;
   std::mt19937 _engine;
 };

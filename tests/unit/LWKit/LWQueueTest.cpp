@@ -7,6 +7,8 @@
 #include <random>
 #include <string>
 
+#include "support/doubles/TestRandom.hpp"
+
 namespace {
 
 using Words = std::vector<std::string>;
@@ -97,8 +99,8 @@ TEST(LWQueueDeathTest, EnteringNextToANonMemberStopsTheProcess) {
 }
 
 TEST(LWQueue, BehavesLikeAPlainListUnderRandomOperations) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE(seed);
+  const unsigned seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   LWQueue<int> queue;
   std::vector<int> model;
@@ -107,7 +109,7 @@ TEST(LWQueue, BehavesLikeAPlainListUnderRandomOperations) {
     const auto place = std::find(model.begin(), model.end(), object);
     const bool isMember = place != model.end();
     ASSERT_EQ(queue.containsObject(object), isMember);
-    switch (random() % 7) {
+    switch (random() % 10) {
       case 0:
         if (!isMember) {
           queue.enqueueHeadObject(object);
@@ -142,11 +144,41 @@ TEST(LWQueue, BehavesLikeAPlainListUnderRandomOperations) {
         }
         break;
       }
-      case 5: {
+      case 5:
+        if (!isMember && !model.empty()) {
+          const size_t at = random() % model.size();
+          queue.enqueueObjectAfterObject(object, model[at]);
+          model.insert(model.begin() + static_cast<ptrdiff_t>(at) + 1, object);
+        }
+        break;
+      case 6: {
+        const auto tail = queue.dequeueTailObject();
+        ASSERT_EQ(tail.has_value(), !model.empty());
+        if (tail) {
+          ASSERT_EQ(*tail, model.back());
+          model.pop_back();
+        }
+        break;
+      }
+      case 7: {
+        const auto next = queue.dequeueNextObject(object);
+        const bool hasNext = isMember && place + 1 != model.end();
+        ASSERT_EQ(next.has_value(), hasNext);
+        if (hasNext) {
+          ASSERT_EQ(*next, *(place + 1));
+          model.erase(place + 1);
+        }
+        break;
+      }
+      case 8: {
         const auto next = queue.nextObject(object);
         const bool hasNext = isMember && place + 1 != model.end();
         ASSERT_EQ(next.has_value(), hasNext);
         ASSERT_TRUE(!hasNext || *next == *(place + 1));
+        const auto prev = queue.prevObject(object);
+        const bool hasPrev = isMember && place != model.begin();
+        ASSERT_EQ(prev.has_value(), hasPrev);
+        ASSERT_TRUE(!hasPrev || *prev == *(place - 1));
         break;
       }
       default: {
@@ -161,5 +193,7 @@ TEST(LWQueue, BehavesLikeAPlainListUnderRandomOperations) {
     }
     ASSERT_EQ(queue.getObjects(), model);
     ASSERT_EQ(queue.count(), model.size());
+    ASSERT_EQ(queue.headObject(), model.empty() ? std::nullopt : std::optional(model.front()));
+    ASSERT_EQ(queue.tailObject(), model.empty() ? std::nullopt : std::optional(model.back()));
   }
 }

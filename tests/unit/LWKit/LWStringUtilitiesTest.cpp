@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include "support/doubles/TestRandom.hpp"
+
 using Words = std::vector<std::string>;
 
 TEST(LWStringUtilities, ALineIsSplitAtRunsOfBlanksAndTabs) {
@@ -45,6 +47,36 @@ TEST(LWStringUtilities, PrettyFractionsAreTruncatedAndLoseTheirLeadingZeros) {
   EXPECT_EQ(LWPrettySize(1024 + 128), "1.125KiB");
   EXPECT_EQ(LWPrettySize(1048575), "1023.999KiB");
   EXPECT_EQ(LWPrettySize(std::numeric_limits<uint64_t>::max()), "17179869183.999GiB");
+}
+
+TEST(LWStringUtilities, PrettySizesAreWhatDivisionByHandGives) {
+  const uint32_t seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
+  TestRandom random(seed);
+  for (int round = 0; round < 20'000; ++round) {
+    const uint64_t any = (uint64_t{random()} << 32 | random()) >> random() % 64;
+    const uint64_t whole = any >> random() % 64 << 10 * (random() % 4);
+    const uint64_t bytes = random() % 2 == 0 ? any : whole + random() % 3 - random() % 3;
+    uint64_t unit = 1;
+    const char* name = "B";
+    for (const char* larger : {"KiB", "MiB", "GiB"}) {
+      if (bytes / unit >= 1024) {
+        unit *= 1024;
+        name = larger;
+      }
+    }
+    std::string digits;
+    for (uint64_t rest = bytes % unit; digits.size() < 3; rest = rest * 10 % unit) {
+      digits += static_cast<char>('0' + rest * 10 / unit);
+    }
+    while (!digits.empty() && digits.back() == '0') {
+      digits.pop_back();
+    }
+    digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size()));
+    ASSERT_EQ(LWPrettySize(bytes),
+              std::to_string(bytes / unit) + (digits.empty() ? "" : ".") + digits + name)
+        << bytes;
+  }
 }
 
 TEST(LWStringUtilities, IntegersAreScannedFromTheStart) {

@@ -164,7 +164,7 @@ TEST(HFSPlusBitmapPicture, AnUnreadableChunkEndsThePictureAfterWhatWasPrinted) {
 }
 
 TEST(HFSPlusBitmapPicture, AnyBitmapAtAnyScaleLooksAsPlainCountingSays) {
-  for (uint32_t seed = 1; seed <= 300; ++seed) {
+  for (const uint32_t seed : testSeeds(300)) {
     TestRandom random(seed);
     uint32_t blockSize = 512U << random() % 8;
     uint32_t chunks = random() % 4;

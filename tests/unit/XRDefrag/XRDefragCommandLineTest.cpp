@@ -8,6 +8,7 @@
 
 #include "LWKit/LWStringUtilities.hpp"
 #include "support/doubles/ScratchFile.hpp"
+#include "support/doubles/TestRandom.hpp"
 
 namespace {
 
@@ -126,8 +127,8 @@ TEST_F(XRDefragCommandLineTest, AnyWordsGiveTheMessageThatTheirOrderCallsFor) {
   const std::vector<std::string> kWords = {"-h", "--help", "-i",   "--interval", "-q", "--quit",
                                            "-s", "0",      "2.5s", "abc",        "",   "/dev/a",
                                            "-x", "--hfsx", "-z",   "--",         "-1", "1e3"};
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE(seed);
+  const unsigned seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   for (int round = 0; round < 20'000; ++round) {
     std::vector<std::string> words;

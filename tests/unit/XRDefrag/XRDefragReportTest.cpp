@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/doubles/TestRandom.hpp"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -274,4 +276,46 @@ TEST(OutputSafeString, BackslashesCommasAndNulsAreEscaped) {
 TEST(OutputSafeString, EverythingElseStaysAsItIs) {
   EXPECT_EQ(outputSafeString(""), "");
   EXPECT_EQ(outputSafeString("plain \xC3\xA4\n\t\"'"), "plain \xC3\xA4\n\t\"'");
+}
+
+namespace {
+
+/// Splits a report line at the commas that separate its fields, and undoes the escapes in them.
+std::vector<std::string> fieldsOf(std::string_view line) {
+  std::vector<std::string> fields(1);
+  for (size_t i = 0; i < line.size(); ++i) {
+    if (line[i] == ',') {
+      fields.emplace_back();
+    } else if (line[i] != '\\') {
+      fields.back() += line[i];
+    } else if (line.substr(i + 1).starts_with("xC0\\x80")) {
+      fields.back() += '\0';
+      i += 7;
+    } else {
+      fields.back() += line.at(++i);
+    }
+  }
+  return fields;
+}
+
+}  // namespace
+
+TEST(OutputSafeString, AnyFieldsCanBeReadBackFromTheirLine) {
+  const uint32_t seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
+  TestRandom random(seed);
+  constexpr std::string_view kAlphabet = "\\\\,,\0xC80 a\xC3\xA4"sv;
+  for (int round = 0; round < 5000; ++round) {
+    std::vector<std::string> fields(1 + random() % 4);
+    std::string line;
+    for (std::string& field : fields) {
+      for (uint32_t length = random() % 12; length > 0; --length) {
+        field += random() % 4 == 0 ? static_cast<char>(random())
+                                   : kAlphabet[random() % kAlphabet.size()];
+      }
+      line += (&field == &fields.front() ? "" : ",") + outputSafeString(field);
+    }
+    ASSERT_EQ(fieldsOf(line), fields) << testing::PrintToString(line);
+    ASSERT_EQ(line.find('\0'), std::string::npos);
+  }
 }

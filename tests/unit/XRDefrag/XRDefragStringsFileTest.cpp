@@ -9,6 +9,7 @@
 
 #include "XRDefragPropertyListGuard.hpp"
 #include "support/doubles/ScratchFile.hpp"
+#include "support/doubles/TestRandom.hpp"
 
 namespace {
 
@@ -164,8 +165,8 @@ TEST(XRDefragStringsFile, FilesAreReadUpToALimit) {
 }
 
 TEST(XRDefragStringsFile, DamagedFilesAreHarmless) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE(seed);
+  const unsigned seed = testSeed();
+  SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   const std::string text =
       xml("<dict><key>a</key><string>b &amp; c</string><key>d</key><array><true/></array></dict>");
