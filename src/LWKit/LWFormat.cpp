@@ -151,7 +151,7 @@ class Formatter {
         appendReal(specifier, argument.realValue());
         break;
       case LWFormatArgument::Kind::Pointer:
-        appendInteger(specifier, reinterpret_cast<uintptr_t>(argument.pointer()), false, 16, "0x");
+        appendInteger(specifier, reinterpret_cast<uintptr_t>(argument.pointer()), 16, "0x");
         break;
       case LWFormatArgument::Kind::Signed:
       case LWFormatArgument::Kind::Unsigned:
@@ -196,28 +196,29 @@ class Formatter {
     switch (specifier.conversion) {
       case 'x':
       case 'X':
-        appendInteger(specifier, pattern, false, 16);
+        appendInteger(specifier, pattern, 16);
         break;
       case 'p':
-        appendInteger(specifier, pattern, false, 16, "0x");
+        appendInteger(specifier, pattern, 16, "0x");
         break;
       case 'o':
-        appendInteger(specifier, pattern, false, 8);
+        appendInteger(specifier, pattern, 8);
         break;
       case 'c':
         appendPadded(specifier, std::string(1, static_cast<char>(pattern)));
         break;
       case 'u':
-        appendInteger(specifier, pattern, false, 10);
+        appendInteger(specifier, pattern, 10);
         break;
       default:
-        appendInteger(specifier, value < 0 ? 0 - static_cast<uint64_t>(value) : pattern, value < 0,
-                      10);
+        appendInteger(specifier, value < 0 ? 0 - static_cast<uint64_t>(value) : pattern, 10,
+                      value < 0 ? "-" : (specifier.plusSign ? "+" : ""));
         break;
     }
   }
 
-  void appendInteger(const Specifier& specifier, uint64_t magnitude, bool negative, unsigned base,
+  /// `prefix`, a sign say, stands before the zeros that fill up.
+  void appendInteger(const Specifier& specifier, uint64_t magnitude, unsigned base,
                      std::string_view prefix = {}) {
     const char* digits = specifier.conversion == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
     std::string text;
@@ -227,17 +228,15 @@ class Formatter {
     for (; magnitude != 0; magnitude /= base) {
       text += digits[magnitude % base];
     }
-    const std::string_view sign = negative ? "-" : (specifier.plusSign ? "+" : "");
     size_t digitCount = specifier.precision.value_or(0);
     if (specifier.zeroPadded && !specifier.leftAligned && !specifier.precision) {
-      const size_t taken = sign.size() + prefix.size();
-      digitCount = specifier.width > taken ? specifier.width - taken : 0;
+      digitCount = specifier.width > prefix.size() ? specifier.width - prefix.size() : 0;
     }
     if (text.size() < digitCount) {
       text.append(digitCount - text.size(), '0');
     }
     std::reverse(text.begin(), text.end());
-    appendPadded(specifier, std::string(sign).append(prefix).append(text));
+    appendPadded(specifier, std::string(prefix).append(text));
   }
 
   void appendPadded(const Specifier& specifier, std::string_view text) {

@@ -136,7 +136,12 @@ std::string randomText(std::mt19937& random) {
 /// Bytes of the character at the start of a text; 0 if none begins there that UTF-8 allows.
 size_t characterLength(std::string_view text) {
   const auto lead = static_cast<uint8_t>(text.empty() ? 0xFF : text[0]);
-  const size_t length = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  const size_t length = lead < 0x80   ? 1
+                        : lead < 0xC2 ? 0
+                        : lead < 0xE0 ? 2
+                        : lead < 0xF0 ? 3
+                        : lead < 0xF5 ? 4
+                                      : 0;
   if (length == 0 || length > text.size()) {
     return 0;
   }
