@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -173,4 +174,21 @@ TEST(HFSPlusFreeMap, BehavesLikeASortedList) {
     }
     EXPECT_FALSE(map->allocate(1));
   }
+}
+
+TEST(HFSPlusFreeMapDeathTest, ADumpListsTheLargestRunFirst) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // In a process of its own, whose log the variable opens.
+  EXPECT_EXIT(
+      {
+        ::setenv("LWDebugLevel", "debug", 1);
+        FreeMapOf bitmap({{10, 3}, {4000, 96}});
+        bitmap.open(0, 99, 0).value()->dump();
+        bitmap.allocation->dump(8, 8);
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0),
+      ": --------\n.*: entry count: 2 .*: block count: 99 \\(49.5KiB\\)\n"
+      ".*: count = 00000060, start = 00000FA0 \\(48KiB\\)\n"
+      ".*: count = 00000003, start = 0000000A \\(1.5KiB\\)\n.*: 11000111\n");
 }
