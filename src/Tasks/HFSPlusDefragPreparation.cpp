@@ -78,44 +78,41 @@ Result<std::optional<HFSPlusExtentRun>> HFSPlusDefragPreparation::_firstRun() {
   }
 }
 
-Result<> HFSPlusDefragPreparation::_skipToFirstDataBlock() {
-  const uint32_t firstDataBlock = _volume.firstDataBlock();
+/// Takes runs off the front for as long as they pass a test.
+template <typename Test>
+Result<> HFSPlusDefragPreparation::_skipWhile(Test&& passes) {
   while (const auto run = TRY(_firstRun())) {
-    if (run->entry->start >= firstDataBlock) {
+    const Result<bool> passed = passes(*run);
+    if (!TRY(passed)) {
       break;
     }
     _skippedBlocks += run->entry->info.type == kHFSPlusExtentAllocated ? run->count : 0;
     TRY(_stretch.map().removeEntry(run->entry));
   }
   return {};
+}
+
+Result<> HFSPlusDefragPreparation::_skipToFirstDataBlock() {
+  return _skipWhile([firstDataBlock = _volume.firstDataBlock()](const HFSPlusExtentRun& run) {
+    return run.entry->start < firstDataBlock;
+  });
 }
 
 Result<> HFSPlusDefragPreparation::_skipToFirstFreeBlock() {
-  while (const auto run = TRY(_firstRun())) {
-    if (run->entry->info.type == kHFSPlusExtentUnalloced) {
-      break;
-    }
-    _skippedBlocks += run->entry->info.type == kHFSPlusExtentAllocated ? run->count : 0;
-    TRY(_stretch.map().removeEntry(run->entry));
-  }
-  return {};
+  return _skipWhile(
+      [](const HFSPlusExtentRun& run) { return run.entry->info.type != kHFSPlusExtentUnalloced; });
 }
 
 Result<> HFSPlusDefragPreparation::_skipForksInPlace() {
-  while (const auto run = TRY(_firstRun())) {
-    if (run->entry->info.type == kHFSPlusExtentUnalloced) {
-      break;
+  return _skipWhile([this](const HFSPlusExtentRun& run) -> Result<bool> {
+    if (run.entry->info.type != kHFSPlusExtentAllocated) {
+      return run.entry->info.type == kHFSPlusExtentImmutable;
     }
-    if (run->entry->info.type == kHFSPlusExtentAllocated) {
-      // Where defragmenting starts counts as skipped too, though it is going to be moved.
-      _skippedBlocks += run->count;
-      if (!TRY(_isInPlace(*run->entry))) {
-        break;
-      }
-    }
-    TRY(_stretch.map().removeEntry(run->entry));
-  }
-  return {};
+    const bool isInPlace = TRY(_isInPlace(*run.entry));
+    // Where defragmenting starts counts as skipped too, though it is going to be moved.
+    _skippedBlocks += isInPlace ? 0 : run.count;
+    return isInPlace;
+  });
 }
 
 Result<bool> HFSPlusDefragPreparation::_isInPlace(const HFSPlusExtentMapEntry& entry) {

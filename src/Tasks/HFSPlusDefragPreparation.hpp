@@ -41,6 +41,8 @@ class HFSPlusDefragPreparation {
  private:
   void _dropImmutableProfileForks();
   Result<std::optional<HFSPlusExtentRun>> _firstRun();
+  template <typename Test>
+  Result<> _skipWhile(Test&& passes);
   Result<> _skipToFirstDataBlock();
   Result<> _skipToFirstFreeBlock();
   Result<> _skipForksInPlace();
