@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
+#include <vector>
 
 #include "LWKit/LWDebug.hpp"
+#include "LWKit/LWSideBySide.hpp"
 #include "LWKit/LWStringUtilities.hpp"
 #include "Platform/PlatformMounts.hpp"
 #include "Platform/PlatformRawDevice.hpp"
@@ -42,27 +45,88 @@ constexpr TransferMessages kWriteMessages = {
     .failed = "Write failed with an error %d at offset %llu and size %lu.",
 };
 
+Result<> checkRange(uint64_t size, uint64_t offset, uint64_t limit,
+                    const TransferMessages& messages) {
+  if (offset > limit || size > limit - offset) {
+    return std::unexpected(XRDefragError::localized(messages.outOfRange, offset, size));
+  }
+  return {};
+}
+
+/// What became of a piece of so many bytes.
+Result<> resultOf(const std::expected<size_t, int>& count, size_t size, uint64_t offset,
+                  const TransferMessages& messages) {
+  if (!count) {
+    return std::unexpected(XRDefragError::localized(messages.failed, count.error(), offset, size));
+  }
+  if (*count != size) {
+    return std::unexpected(XRDefragError::localized(messages.shortCount, offset, size));
+  }
+  return {};
+}
+
 /// Moves all the bytes in pieces, each by one call of `transferPiece(piece, offset)`.
 template <typename Byte, typename TransferPiece>
 Result<> transfer(std::span<Byte> bytes, uint64_t offset, uint64_t limit,
                   const TransferMessages& messages, TransferPiece transferPiece) {
-  if (offset > limit || bytes.size() > limit - offset) {
-    return std::unexpected(XRDefragError::localized(messages.outOfRange, offset, bytes.size()));
-  }
+  TRY(checkRange(bytes.size(), offset, limit, messages));
   while (!bytes.empty()) {
     const std::span<Byte> piece = bytes.first(std::min(bytes.size(), kTransferMax));
-    const std::expected<size_t, int> count = transferPiece(piece, offset);
-    if (!count) {
-      return std::unexpected(
-          XRDefragError::localized(messages.failed, count.error(), offset, piece.size()));
-    }
-    if (*count != piece.size()) {
-      return std::unexpected(XRDefragError::localized(messages.shortCount, offset, piece.size()));
-    }
+    TRY(resultOf(transferPiece(piece, offset), piece.size(), offset, messages));
     bytes = bytes.subspan(piece.size());
     offset += piece.size();
   }
   return {};
+}
+
+using Transfer = XRDefragVolume::Transfer;
+
+Result<std::vector<Transfer>> piecesOf(std::span<const Transfer> transfers, uint64_t limit,
+                                       const TransferMessages& messages) {
+  std::vector<Transfer> pieces;
+  pieces.reserve(transfers.size());
+  for (auto [bytes, offset] : transfers) {
+    TRY(checkRange(bytes.size(), offset, limit, messages));
+    while (!bytes.empty()) {
+      pieces.push_back({bytes.first(std::min(bytes.size(), kTransferMax)), offset});
+      offset += pieces.back().bytes.size();
+      bytes = bytes.subspan(pieces.back().bytes.size());
+    }
+  }
+  return pieces;
+}
+
+/// Moves all pieces, `threads` at a time, each by one call of `transferPiece(piece)`. Of several
+/// errors the one of the first piece counts.
+template <typename TransferPiece>
+Result<> transferAll(std::span<const Transfer> pieces, unsigned threads,
+                     const TransferMessages& messages, const XRDefragVolume::MayGoOn& mayGoOn,
+                     TransferPiece transferPiece) {
+  std::mutex lock;
+  size_t failedPiece = pieces.size();
+  std::expected<size_t, int> failure;
+  Result<> permission;
+  const auto move = [&](size_t index) {
+    const std::expected<size_t, int> count = transferPiece(pieces[index]);
+    if (count && *count == pieces[index].bytes.size()) {
+      return true;
+    }
+    const std::lock_guard locked(lock);
+    if (index < failedPiece) {
+      failedPiece = index;
+      failure = count;
+    }
+    return false;
+  };
+  LWRunSideBySide(pieces.size(), threads, move, [&] {
+    permission = mayGoOn();
+    return permission.has_value();
+  });
+  if (failedPiece < pieces.size()) {
+    const auto& [bytes, offset] = pieces[failedPiece];
+    return resultOf(failure, bytes.size(), offset, messages);
+  }
+  return permission;
 }
 
 }  // namespace
@@ -114,6 +178,23 @@ Result<> XRDefragVolume::write(std::span<const std::byte> bytes, uint64_t offset
                   [this](std::span<const std::byte> piece, uint64_t at) {
                     return _device->writeAt(piece, at);
                   });
+}
+
+Result<> XRDefragVolume::readAll(std::span<const Transfer> transfers,
+                                 const XRDefragVolume::MayGoOn& mayGoOn) {
+  const auto pieces = TRY(piecesOf(transfers, _deviceSizeBytes, kReadMessages));
+  return transferAll(
+      pieces, _device->transfersAtOnce(), kReadMessages, mayGoOn,
+      [this](const Transfer& piece) { return _device->readOnceAt(piece.bytes, piece.offset); });
+}
+
+Result<> XRDefragVolume::writeAll(std::span<const Transfer> transfers,
+                                  const XRDefragVolume::MayGoOn& mayGoOn) {
+  LW_ASSERT(_writable);
+  const auto pieces = TRY(piecesOf(transfers, _deviceSizeBytes, kWriteMessages));
+  return transferAll(
+      pieces, _device->transfersAtOnce(), kWriteMessages, mayGoOn,
+      [this](const Transfer& piece) { return _device->writeOnceAt(piece.bytes, piece.offset); });
 }
 
 Result<> XRDefragVolume::synchronize() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -34,6 +35,23 @@ class XRDefragVolume {
 
   /// Writes bytes at a device byte offset, in pieces of at most 1 MiB. The volume must be writable.
   [[nodiscard]] virtual Result<> write(std::span<const std::byte> bytes, uint64_t offset);
+
+  /// One of many transfers: the memory it fills or empties, and its place on the device.
+  struct Transfer {
+    std::span<std::byte> bytes;
+    uint64_t offset;  // bytes
+  };
+  /// Lets others have a turn where that is due; an error when the transfers are to end.
+  using MayGoOn = std::function<Result<>()>;
+
+  /// Reads, or writes, all of a list of transfers that do not overlap, in pieces of at most 1 MiB,
+  /// of which several may be under way at once. They begin in the list's order. The calling thread
+  /// takes part, and asks `mayGoOn` between two pieces of its own; after an error of it, or of a
+  /// transfer, no further piece begins. When these return nothing is under way any more.
+  [[nodiscard]] virtual Result<> readAll(std::span<const Transfer> transfers,
+                                         const MayGoOn& mayGoOn);
+  [[nodiscard]] virtual Result<> writeAll(std::span<const Transfer> transfers,
+                                          const MayGoOn& mayGoOn);
 
   /// Returns once everything written so far is on stable storage.
   [[nodiscard]] Result<> synchronize();

@@ -8,8 +8,6 @@
 namespace {
 
 constexpr uint32_t kChunkBytes = 0x100000;
-// What every direct transfer is content with.
-constexpr std::align_val_t kChunkAlignment{4096};
 
 }  // namespace
 
@@ -23,17 +21,12 @@ Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> HFSPlusBTreeBulkIterator::open
   return iterator;
 }
 
-void HFSPlusBTreeBulkIterator::FreeChunk::operator()(std::byte* chunk) const {
-  ::operator delete[](chunk, kChunkAlignment);
-}
-
 // Chunks hold whole bytes of the map. The buffers stay uninitialised until they are read into.
 HFSPlusBTreeBulkIterator::HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree)
     : _btree(btree),
       _nodesPerBuffer(((btree.nodeSize() - 1 + kChunkBytes) / btree.nodeSize() + 7) / 8 * 8),
       _bufferSize(uint64_t{btree.nodeSize()} * _nodesPerBuffer),
-      _bufferData(
-          static_cast<std::byte*>(::operator new[](_bufferSize, kChunkAlignment, std::nothrow))),
+      _bufferData(new(std::nothrow) std::byte[_bufferSize]),
       _mapSize((uint64_t{btree.nodeCount()} + 7) / 8),
       _mapData(new(std::nothrow) std::byte[_mapSize]) {}
 

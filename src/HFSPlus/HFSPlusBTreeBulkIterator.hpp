@@ -22,10 +22,6 @@ class HFSPlusBTreeBulkIterator {
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> nextCachedNode();
 
  private:
-  struct FreeChunk {
-    void operator()(std::byte* chunk) const;
-  };
-
   explicit HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree);
 
   bool _isUsed(uint32_t index) const;
@@ -41,7 +37,7 @@ class HFSPlusBTreeBulkIterator {
   bool _bufferValid = false;
   uint64_t _bufferWrittenNodes = 0;  // the tree's writtenNodes() when the chunk was read
   uint64_t _bufferSize;              // bytes
-  std::unique_ptr<std::byte[], FreeChunk> _bufferData;
+  std::unique_ptr<std::byte[]> _bufferData;
   uint64_t _mapSize;  // bytes
   std::unique_ptr<std::byte[]> _mapData;
 };

@@ -57,6 +57,8 @@ class HFSPlusVolume final : public XRDefragVolume,
   /// wrapper surrounds it. Writing is for file data; metadata goes through the special files.
   [[nodiscard]] Result<> read(std::span<std::byte> bytes, uint64_t offset) override;
   [[nodiscard]] Result<> write(std::span<const std::byte> bytes, uint64_t offset) override;
+  [[nodiscard]] Result<> readAll(std::span<const Transfer> transfers, const MayGoOn&) override;
+  [[nodiscard]] Result<> writeAll(std::span<const Transfer> transfers, const MayGoOn&) override;
 
   // What the volume's files see of it.
   [[nodiscard]] Result<> readVolume(std::span<std::byte> bytes, uint64_t offset) override;
@@ -137,6 +139,7 @@ class HFSPlusVolume final : public XRDefragVolume,
   explicit HFSPlusVolume(const XRDefragVolume& device);
 
   Result<> _open(HFSXVolumes hfsxVolumes);
+  Result<> _prepareWrite(uint64_t size, uint64_t offset);
   Result<> _readHeader();
   Result<> _checkSignatureAndVersion(HFSXVolumes hfsxVolumes);
   Result<> _checkAttributes();
@@ -149,7 +152,6 @@ class HFSPlusVolume final : public XRDefragVolume,
   HFSPlusForkData* _specialForkData(uint32_t fileID);
 
   // Writing (HFSPlusVolumeFlush.cpp).
-  bool isInVolume(uint64_t offset, uint64_t size) const;
   Result<> _flushSpecialFiles();
   void _settleFreeBlocks();
   Result<HFSPlusFlushPlan> _planFlush();

@@ -41,18 +41,50 @@ Result<> asWriteFailure(const Result<>& result) {
   return {};
 }
 
+constexpr std::string_view kReadOutOfRange =
+    "Out of range read failed at offset %llu and size %lu.";
+constexpr std::string_view kWriteOutOfRange =
+    "Out of range write failed at offset %llu and size %lu.";
+
+Result<> checkInVolume(HFSPlusVolumePlace volume, uint64_t size, uint64_t offset,
+                       std::string_view message) {
+  if (offset > volume.sizeBytes || size > volume.sizeBytes - offset) {
+    return std::unexpected(XRDefragError::localized(message, volume.startOffset + offset, size));
+  }
+  return {};
+}
+
+using Transfer = XRDefragVolume::Transfer;
+
+/// The transfers at their places on the device.
+std::vector<Transfer> onDevice(std::span<const Transfer> transfers, uint64_t startOffset) {
+  std::vector<Transfer> placed(transfers.begin(), transfers.end());
+  for (Transfer& transfer : placed) {
+    transfer.offset += startOffset;
+  }
+  return placed;
+}
+
 }  // namespace
 
-bool HFSPlusVolume::isInVolume(uint64_t offset, uint64_t size) const {
-  return offset <= _volumeSizeBytes && size <= _volumeSizeBytes - offset;
+/// Makes a range ready for being written: no flush is unfinished, the mark is on the header, and no
+/// record is lost.
+Result<> HFSPlusVolume::_prepareWrite(uint64_t size, uint64_t offset) {
+  TRY(checkInVolume({_volumeStartOffset, _volumeSizeBytes}, size, offset, kWriteOutOfRange));
+  if (size == 0) {
+    return {};
+  }
+  TRY(_finishFlush());
+  TRY(_markInFlux());
+  if (_runLog) {
+    TRY(_runLog->retireBefore(offset, size));
+  }
+  _willBumpWriteCount = true;
+  return {};
 }
 
 Result<> HFSPlusVolume::read(std::span<std::byte> bytes, uint64_t offset) {
-  if (!isInVolume(offset, bytes.size())) {
-    return std::unexpected(
-        XRDefragError::localized("Out of range read failed at offset %llu and size %lu.",
-                                 _volumeStartOffset + offset, bytes.size()));
-  }
+  TRY(checkInVolume({_volumeStartOffset, _volumeSizeBytes}, bytes.size(), offset, kReadOutOfRange));
   TRY(XRDefragVolume::read(bytes, _volumeStartOffset + offset));
   if (_recovery) {
     _recovery->overlay(bytes, offset);
@@ -61,21 +93,29 @@ Result<> HFSPlusVolume::read(std::span<std::byte> bytes, uint64_t offset) {
 }
 
 Result<> HFSPlusVolume::write(std::span<const std::byte> bytes, uint64_t offset) {
-  if (!isInVolume(offset, bytes.size())) {
-    return std::unexpected(
-        XRDefragError::localized("Out of range write failed at offset %llu and size %lu.",
-                                 _volumeStartOffset + offset, bytes.size()));
-  }
-  if (bytes.empty()) {
-    return {};
-  }
-  TRY(_finishFlush());
-  TRY(_markInFlux());
-  if (_runLog) {
-    TRY(_runLog->retireBefore(offset, bytes.size()));
-  }
-  _willBumpWriteCount = true;
+  TRY(_prepareWrite(bytes.size(), offset));
   return XRDefragVolume::write(bytes, _volumeStartOffset + offset);
+}
+
+Result<> HFSPlusVolume::readAll(std::span<const Transfer> transfers, const MayGoOn& mayGoOn) {
+  for (const Transfer& transfer : transfers) {
+    TRY(checkInVolume({_volumeStartOffset, _volumeSizeBytes}, transfer.bytes.size(),
+                      transfer.offset, kReadOutOfRange));
+  }
+  TRY(XRDefragVolume::readAll(onDevice(transfers, _volumeStartOffset), mayGoOn));
+  if (_recovery) {
+    for (const Transfer& transfer : transfers) {
+      _recovery->overlay(transfer.bytes, transfer.offset);
+    }
+  }
+  return {};
+}
+
+Result<> HFSPlusVolume::writeAll(std::span<const Transfer> transfers, const MayGoOn& mayGoOn) {
+  for (const Transfer& transfer : transfers) {
+    TRY(_prepareWrite(transfer.bytes.size(), transfer.offset));
+  }
+  return XRDefragVolume::writeAll(onDevice(transfers, _volumeStartOffset), mayGoOn);
 }
 
 Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRanges& pendingBlocks) {

@@ -20,6 +20,19 @@ class PlatformDevice {
   /// Writes up to `bytes.size()` bytes at a byte offset; the count may be short.
   virtual std::expected<size_t, int> writeAt(std::span<const std::byte> bytes, uint64_t offset) = 0;
 
+  /// The same for bytes that nobody is going to ask for again soon, such as those of files that are
+  /// being moved: they need not push anything out of the system's cache.
+  virtual std::expected<size_t, int> readOnceAt(std::span<std::byte> bytes, uint64_t offset) {
+    return readAt(bytes, offset);
+  }
+  virtual std::expected<size_t, int> writeOnceAt(std::span<const std::byte> bytes,
+                                                 uint64_t offset) {
+    return writeAt(bytes, offset);
+  }
+
+  /// How many transfers are best given to the device at once.
+  virtual unsigned transfersAtOnce() const { return 1; }
+
   /// Returns once everything written so far is on stable storage.
   virtual std::expected<void, int> sync() = 0;
 

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr uint32_t kImageFileBlockSize = 512;
-constexpr size_t kDirectTransferMin = size_t{256} << 10;
+constexpr size_t kDirectTransferMin = size_t{16} << 10;
 constexpr int kLockTries = 20;
 constexpr timespec kLockPause = {.tv_sec = 0, .tv_nsec = 50'000'000};
 
@@ -102,6 +102,20 @@ std::expected<size_t, int> repeatInterrupted(Call call) {
       return std::unexpected(errno);
     }
   }
+}
+
+std::expected<size_t, int> readFrom(const PlatformDescriptor& file, std::span<std::byte> bytes,
+                                    uint64_t offset) {
+  return repeatInterrupted([&] {
+    return ::pread(file.descriptor(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+  });
+}
+
+std::expected<size_t, int> writeTo(const PlatformDescriptor& file, std::span<const std::byte> bytes,
+                                   uint64_t offset) {
+  return repeatInterrupted([&] {
+    return ::pwrite(file.descriptor(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+  });
 }
 
 }  // namespace
@@ -216,41 +230,39 @@ bool PlatformRawDevice::goesDirectly(const void* address, size_t size, uint64_t 
 }
 
 std::expected<size_t, int> PlatformRawDevice::readAt(std::span<std::byte> bytes, uint64_t offset) {
-  const auto readFrom = [&](const PlatformDescriptor& file) {
-    return repeatInterrupted([&] {
-      return ::pread(file.descriptor(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-    });
-  };
-  if (goesDirectly(bytes.data(), bytes.size(), offset)) {
-    const auto count = readFrom(_directFile);
-    if (count || count.error() != EINVAL) {
-      return count;
-    }
-    _directWorks = false;
-  }
-  const auto count = readFrom(_file);
-  if (bytes.size() >= kDirectTransferMin) {
-    ::posix_fadvise(_file.descriptor(), static_cast<off_t>(offset),
-                    static_cast<off_t>(bytes.size()), POSIX_FADV_DONTNEED);
-  }
-  return count;
+  return readFrom(_file, bytes, offset);
 }
 
 std::expected<size_t, int> PlatformRawDevice::writeAt(std::span<const std::byte> bytes,
                                                       uint64_t offset) {
-  const auto writeTo = [&](const PlatformDescriptor& file) {
-    return repeatInterrupted([&] {
-      return ::pwrite(file.descriptor(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-    });
-  };
+  return writeTo(_file, bytes, offset);
+}
+
+std::expected<size_t, int> PlatformRawDevice::readOnceAt(std::span<std::byte> bytes,
+                                                         uint64_t offset) {
   if (goesDirectly(bytes.data(), bytes.size(), offset)) {
-    const auto count = writeTo(_directFile);
+    const auto count = readFrom(_directFile, bytes, offset);
     if (count || count.error() != EINVAL) {
       return count;
     }
     _directWorks = false;
   }
-  return writeTo(_file);
+  const auto count = readFrom(_file, bytes, offset);
+  ::posix_fadvise(_file.descriptor(), static_cast<off_t>(offset), static_cast<off_t>(bytes.size()),
+                  POSIX_FADV_DONTNEED);
+  return count;
+}
+
+std::expected<size_t, int> PlatformRawDevice::writeOnceAt(std::span<const std::byte> bytes,
+                                                          uint64_t offset) {
+  if (goesDirectly(bytes.data(), bytes.size(), offset)) {
+    const auto count = writeTo(_directFile, bytes, offset);
+    if (count || count.error() != EINVAL) {
+      return count;
+    }
+    _directWorks = false;
+  }
+  return writeTo(_file, bytes, offset);
 }
 
 std::expected<void, int> PlatformRawDevice::sync() {

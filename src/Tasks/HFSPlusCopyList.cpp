@@ -65,46 +65,40 @@ Result<> HFSPlusCopyList::_mayGoOn() {
 /// The moves as transfers at blockOf(entry): as large as possible, and in the order of the blocks,
 /// which a disk with heads covers in one sweep. The buffer is filled in the order of the list.
 template <typename Block>
-auto HFSPlusCopyList::_transfersOf(Block&& blockOf) const -> std::vector<Transfer> {
-  std::vector<Transfer> transfers;
+std::vector<XRDefragVolume::Transfer> HFSPlusCopyList::_transfersOf(Block&& blockOf) const {
+  struct Run {
+    uint32_t block;
+    uint32_t count;
+    uint32_t bufferBlock;
+  };
+  std::vector<Run> runs;
   uint32_t bufferBlock = 0;
   for (const HFSPlusCopyEntry& entry : _entries) {
     const uint32_t block = std::invoke(blockOf, entry);
-    if (!transfers.empty() && transfers.back().block + transfers.back().count == block) {
-      transfers.back().count += entry.count;
+    if (!runs.empty() && runs.back().block + runs.back().count == block) {
+      runs.back().count += entry.count;
     } else {
-      transfers.push_back({block, entry.count, bufferBlock});
+      runs.push_back({block, entry.count, bufferBlock});
     }
     bufferBlock += entry.count;
   }
-  std::ranges::sort(transfers, {}, &Transfer::block);
+  std::ranges::sort(runs, {}, &Run::block);
+
+  std::vector<XRDefragVolume::Transfer> transfers;
+  transfers.reserve(runs.size());
+  for (const Run& run : runs) {
+    transfers.push_back(
+        {_buffer.blocks(run.bufferBlock, run.count), uint64_t{run.block} * _buffer.blockSize()});
+  }
   return transfers;
 }
 
-/// Has every transfer carried out, given its part of the buffer and its byte offset on the volume.
-template <typename Block, typename CarryOut>
-Result<> HFSPlusCopyList::_transfer(Block&& blockOf, CarryOut&& carryOut) {
-  bool first = true;
-  for (const Transfer& transfer : _transfersOf(blockOf)) {
-    if (!std::exchange(first, false)) {
-      TRY(_mayGoOn());
-    }
-    TRY(carryOut(_buffer.blocks(transfer.bufferBlock, transfer.count),
-                 uint64_t{transfer.block} * _buffer.blockSize()));
-  }
-  return {};
-}
-
 Result<> HFSPlusCopyList::_readSources() {
-  return _transfer(&HFSPlusCopyEntry::source, [this](std::span<std::byte> bytes, uint64_t offset) {
-    return _volume.read(bytes, offset);
-  });
+  return _volume.readAll(_transfersOf(&HFSPlusCopyEntry::source), [this] { return _mayGoOn(); });
 }
 
 Result<> HFSPlusCopyList::_writeDestinations() {
-  return _transfer(&HFSPlusCopyEntry::nustart, [this](std::span<std::byte> bytes, uint64_t offset) {
-    return _volume.write(bytes, offset);
-  });
+  return _volume.writeAll(_transfersOf(&HFSPlusCopyEntry::nustart), [this] { return _mayGoOn(); });
 }
 
 std::vector<HFSPlusCopyGroup> HFSPlusCopyList::groups() const {

@@ -8,6 +8,7 @@
 #include "HFSPlus/HFSPlusBlockRanges.hpp"
 #include "HFSPlus/HFSPlusExtentMap.hpp"
 #include "XRDefragError.hpp"
+#include "XRDefragVolume.hpp"
 
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
@@ -83,17 +84,8 @@ class HFSPlusCopyList {
  private:
   using Descriptors = std::vector<HFSPlusExtentDescriptor>;
 
-  /// Blocks that are contiguous on the volume and in the buffer.
-  struct Transfer {
-    uint32_t block;
-    uint32_t count;
-    uint32_t bufferBlock;
-  };
-
   template <typename Block>
-  std::vector<Transfer> _transfersOf(Block&& blockOf) const;
-  template <typename Block, typename CarryOut>
-  Result<> _transfer(Block&& blockOf, CarryOut&& carryOut);
+  std::vector<XRDefragVolume::Transfer> _transfersOf(Block&& blockOf) const;
   Result<> _checkFit() const;
   Result<> _readSources();
   Result<> _writeDestinations();

@@ -157,7 +157,7 @@ TEST(PlatformRawDevice, AFileThatMayNotBeReadIsDenied) {
   EXPECT_EQ(errorOfOpening(file.path()), EACCES);
 }
 
-TEST(PlatformRawDevice, LargeAndSmallTransfersSeeEachOthersBytes) {
+TEST(PlatformRawDevice, TransfersThroughAndPastTheCacheSeeEachOthersBytes) {
   const ScratchFile file(4 * kMiB);
   const auto device = PlatformRawDevice::open(file.path(), Access::Exclusive);
   ASSERT_TRUE(device);
@@ -166,7 +166,7 @@ TEST(PlatformRawDevice, LargeAndSmallTransfersSeeEachOthersBytes) {
   // Brings the range into the page cache first, then changes it past the cache.
   std::vector<std::byte> small(512);
   ASSERT_EQ((*device)->readAt(small, kMiB + 4096), 512U);
-  ASSERT_EQ((*device)->writeAt(large.bytes, kMiB), kMiB);
+  ASSERT_EQ((*device)->writeOnceAt(large.bytes, kMiB), kMiB);
   ASSERT_EQ((*device)->readAt(small, kMiB + 4096), 512U);
   EXPECT_TRUE(std::ranges::equal(small, large.bytes.subspan(4096, 512)));
 
@@ -174,7 +174,7 @@ TEST(PlatformRawDevice, LargeAndSmallTransfersSeeEachOthersBytes) {
   ASSERT_EQ((*device)->writeAt(small, kMiB + 512), 512U);
   std::ranges::copy(small, large.bytes.begin() + 512);
   const AlignedBuffer again(kMiB);
-  ASSERT_EQ((*device)->readAt(again.bytes, kMiB), kMiB);
+  ASSERT_EQ((*device)->readOnceAt(again.bytes, kMiB), kMiB);
   EXPECT_TRUE(std::ranges::equal(again.bytes, large.bytes));
   EXPECT_TRUE((*device)->sync());
 }
@@ -186,9 +186,9 @@ TEST(PlatformRawDevice, TransfersWithoutAnyAlignmentWork) {
   const AlignedBuffer buffer(kMiB);
   const auto odd = buffer.bytes.subspan(1, kMiB - 7);
   fillWithPattern(odd, 9);
-  ASSERT_EQ((*device)->writeAt(odd, 12345), odd.size());
+  ASSERT_EQ((*device)->writeOnceAt(odd, 12345), odd.size());
   std::vector<std::byte> read(odd.size());
-  ASSERT_EQ((*device)->readAt(read, 12345), odd.size());
+  ASSERT_EQ((*device)->readOnceAt(read, 12345), odd.size());
   EXPECT_TRUE(std::ranges::equal(read, odd));
 }
 
@@ -198,6 +198,7 @@ TEST(PlatformRawDevice, ReadingPastTheEndOfAnImageIsShort) {
   ASSERT_TRUE(device);
   const AlignedBuffer buffer(kMiB);
   EXPECT_EQ((*device)->readAt(buffer.bytes, kMiB), 512U);
+  EXPECT_EQ((*device)->readOnceAt(buffer.bytes, kMiB), 512U);
   EXPECT_EQ((*device)->readAt(buffer.bytes, 2 * kMiB), 0U);
 }
 

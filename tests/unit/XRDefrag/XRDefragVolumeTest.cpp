@@ -115,6 +115,80 @@ TEST(XRDefragVolume, AShortTransferNamesThePieceThatWasShort) {
             "Write failed at offset 3145728 and size 512.");
 }
 
+TEST(XRDefragVolume, ManyTransfersGoInPiecesInTheirOrder) {
+  Fixture fixture;
+  const auto bytes = std::span(fixture.bytes);
+  const std::vector<XRDefragVolume::Transfer> transfers = {
+      {bytes.first(kMiB + 512), 4096}, {bytes.subspan(2 * kMiB, 512), 512}, {{}, 1024}};
+  size_t turns = 0;
+  const auto mayGoOn = [&turns] {
+    ++turns;
+    return Result<>();
+  };
+  ASSERT_TRUE(fixture.volume.writeAll(transfers, mayGoOn));
+  ASSERT_TRUE(fixture.volume.readAll(transfers, mayGoOn));
+  const auto& records = fixture.recording->records();
+  ASSERT_EQ(records.size(), 6U);
+  const std::vector<std::pair<uint64_t, size_t>> expected = {
+      {4096, kMiB}, {4096 + kMiB, 512}, {512, 512}};
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(std::pair(records[i].offset, records[i].size), expected[i % 3]);
+  }
+  EXPECT_EQ(turns, 4U);
+}
+
+TEST(XRDefragVolume, OfManyTransfersNoneIsBegunWhenOneIsOutOfRange) {
+  Fixture fixture;
+  const auto bytes = std::span(fixture.bytes).first(1024);
+  const std::vector<XRDefragVolume::Transfer> transfers = {{bytes, 0}, {bytes, 4 * kMiB - 512}};
+  const auto mayGoOn = [] { return Result<>(); };
+  EXPECT_EQ(messageOf(fixture.volume.readAll(transfers, mayGoOn)),
+            "Out of range read failed at offset 4193792 and size 1024.");
+  EXPECT_EQ(messageOf(fixture.volume.writeAll(transfers, mayGoOn)),
+            "Out of range write failed at offset 4193792 and size 1024.");
+  EXPECT_TRUE(fixture.recording->records().empty());
+}
+
+TEST(XRDefragVolume, ManyTransfersEndWithTheFirstFailureOrWhenTheyMayNotGoOn) {
+  Fixture fixture;
+  const auto bytes = std::span(fixture.bytes).first(512);
+  const std::vector<XRDefragVolume::Transfer> transfers(5, {bytes, 1024});
+  fixture.faulty->plan({.call = FaultyDevice::Call::Read, .ordinal = 2});
+  EXPECT_EQ(messageOf(fixture.volume.readAll(transfers, [] { return Result<>(); })),
+            "Read failed with an error 5 at offset 1024 and size 512.");
+  EXPECT_EQ(fixture.recording->records().size(), 3U);
+
+  fixture.recording->clear();
+  const auto cancel = [] { return Result<>(std::unexpected(XRDefragError::userCancelled())); };
+  const auto written = fixture.volume.writeAll(transfers, cancel);
+  ASSERT_FALSE(written);
+  EXPECT_TRUE(written.error().isUserCancelled());
+  EXPECT_EQ(fixture.recording->records().size(), 1U);
+}
+
+TEST(XRDefragVolume, AnImageTakesManyTransfersAtOnce) {
+  constexpr size_t kPiece = 4096;
+  constexpr size_t kPieces = 600;
+  const ScratchFile file(2 * kPieces * kPiece);
+  const auto opened = XRDefragVolume::openDevice(file.path());
+  ASSERT_TRUE(opened);
+  XRDefragVolume& volume = **opened;
+  std::vector<std::byte> written(kPieces * kPiece);
+  std::vector<std::byte> read(written.size());
+  std::vector<XRDefragVolume::Transfer> writes;
+  std::vector<XRDefragVolume::Transfer> reads;
+  for (size_t i = 0; i < kPieces; ++i) {
+    const auto piece = std::span(written).subspan(i * kPiece, kPiece);
+    std::ranges::fill(piece, static_cast<std::byte>(i));
+    const uint64_t place = 2 * kPiece * (kPieces - 1 - i);
+    writes.push_back({piece, place});
+    reads.push_back({std::span(read).subspan(i * kPiece, kPiece), place});
+  }
+  ASSERT_TRUE(volume.writeAll(writes, [] { return Result<>(); }));
+  ASSERT_TRUE(volume.readAll(reads, [] { return Result<>(); }));
+  EXPECT_EQ(read, written);
+}
+
 TEST(XRDefragVolume, AFailedTransferNamesTheErrorAndThePiece) {
   Fixture fixture;
   fixture.faulty->plan({.call = FaultyDevice::Call::Read, .ordinal = 2});
