@@ -1,7 +1,6 @@
 #include "HFSPlus/HFSPlusAllocation.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "HFSPlus/HFSPlusBitmapBits.hpp"
@@ -12,7 +11,6 @@ namespace {
 
 constexpr uint32_t kSmallestChunkSize = 0x8000;  // bytes
 constexpr uint64_t kIdleCacheSize = 0x80000;     // bytes
-constexpr uint64_t kReadAheadSize = 0x100000;    // bytes
 
 /// Whether a number of bits fits in a number of bytes.
 bool bitsFit(uint64_t bits, uint64_t bytes) {
@@ -79,37 +77,13 @@ Result<> HFSPlusAllocation::readChunk(uint32_t index, std::span<std::byte> bytes
   FileRange range = TRY(fileRangeOfChunk(index));
   LW_ASSERT(bytes.size() >= range.length);
   std::ranges::fill(bytes.subspan(range.length), std::byte{0});
-  return readSequentially(bytes.first(range.length), range.offset);
+  return read(bytes.first(range.length), range.offset);
 }
 
 Result<> HFSPlusAllocation::writeChunk(uint32_t index, std::span<const std::byte> bytes) {
   FileRange range = TRY(fileRangeOfChunk(index));
   LW_ASSERT(bytes.size() >= range.length);
-  _readAhead.clear();
   return write(bytes.first(range.length), range.offset);
-}
-
-/// Reads file bytes. Whoever reads on where the last read ended probably wants all of the bitmap,
-/// and gets it in transfers that are worth a device's while.
-Result<> HFSPlusAllocation::readSequentially(std::span<std::byte> bytes, uint64_t offset) {
-  bool goesOn = offset == _nextOffset;
-  _nextOffset = offset + bytes.size();
-  bool isAhead = offset >= _readAheadOffset && _nextOffset <= _readAheadOffset + _readAhead.size();
-  if (!isAhead) {
-    uint64_t length = std::min(kReadAheadSize, logicalSize() - offset);
-    if (!goesOn || length <= bytes.size()) {
-      return read(bytes, offset);
-    }
-    _readAhead.resize(length);
-    _readAheadOffset = offset;
-    if (!read(_readAhead, offset)) {
-      // The bytes in question may be readable all the same.
-      _readAhead.clear();
-      return read(bytes, offset);
-    }
-  }
-  std::memcpy(bytes.data(), _readAhead.data() + (offset - _readAheadOffset), bytes.size());
-  return {};
 }
 
 // Chunk cache
@@ -175,7 +149,6 @@ Result<> HFSPlusAllocation::discardChanges() {
   LW_ASSERT(_chunkCache.size() == _chunkCacheTOC.size());
   _chunkCache.clear();
   _chunkCacheTOC.clear();
-  _readAhead.clear();
   _evictionError.reset();
   _freed.clear();
   _drift = _driftAtFlush;

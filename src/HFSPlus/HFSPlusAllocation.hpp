@@ -124,7 +124,6 @@ class HFSPlusAllocation final : public HFSPlusFile {
   Result<bool> takeUnusedRunsIn(uint64_t begin, uint64_t end, RunLength length,
                                 const HFSPlusBlockRanges& avoided, const TakeRun& take);
   Result<FileRange> fileRangeOfChunk(uint32_t index) const;
-  Result<> readSequentially(std::span<std::byte> bytes, uint64_t offset);
   void cachedChunkRelease(HFSPlusAllocationChunk& chunk);
   void _cachedChunkDealloc(TOC::iterator cell);
 
@@ -136,7 +135,4 @@ class HFSPlusAllocation final : public HFSPlusFile {
   HFSPlusBlockRanges _freed;  // blocks cleared since changes were last settled
   int64_t _drift = 0;
   int64_t _driftAtFlush = 0;
-  uint64_t _nextOffset = 0;           // behind the chunk read last
-  uint64_t _readAheadOffset = 0;      // file offset of _readAhead
-  std::vector<std::byte> _readAhead;  // what a sequential reader will ask for next
 };

@@ -45,7 +45,7 @@ uint64_t changeBits(std::span<std::byte> bitmap, uint64_t first, uint64_t count,
     uint64_t value = HFSPlusBitmapWord(bitmap, word);
     uint64_t toggled = ~(value ^ inversion) & maskOf(word, first, end);
     if (toggled != 0) {
-      changed += static_cast<uint64_t>(std::popcount(toggled));
+      changed += HFSPlusCountBits(toggled);
       storeWord(bitmap, word, value ^ toggled);
     }
   }
@@ -64,6 +64,19 @@ uint64_t runLength(std::span<const std::byte> bitmap, uint64_t first, uint64_t c
     }
   }
   return count;
+}
+
+constexpr uint64_t kWordsAtOnce = 32;
+
+/// Whether kWordsAtOnce words are all zero.
+bool isZero(const std::byte* bytes) {
+  uint64_t bits = 0;
+  for (uint64_t word = 0; word < kWordsAtOnce; ++word) {
+    uint64_t value;
+    std::memcpy(&value, bytes + word * kWordBytes, sizeof value);
+    bits |= value;
+  }
+  return bits == 0;
 }
 
 /// The number of set bits in whole words. Byte sums are gathered over as many words as a byte can
@@ -127,8 +140,7 @@ uint64_t HFSPlusCountSetBits(std::span<const std::byte> bitmap, uint64_t first, 
   uint64_t firstWord = first / kWordBits;
   uint64_t lastWord = (end - 1) / kWordBits;
   auto inWord = [&](uint64_t word) {
-    uint64_t bits = HFSPlusBitmapWord(bitmap, word) & maskOf(word, first, end);
-    return static_cast<uint64_t>(std::popcount(bits));
+    return uint64_t{HFSPlusCountBits(HFSPlusBitmapWord(bitmap, word) & maskOf(word, first, end))};
   };
   if (firstWord == lastWord) {
     return inWord(firstWord);
@@ -139,10 +151,16 @@ uint64_t HFSPlusCountSetBits(std::span<const std::byte> bitmap, uint64_t first, 
 
 std::optional<uint64_t> HFSPlusLastSetBit(std::span<const std::byte> bitmap, uint64_t count) {
   checkRange(bitmap, 0, count);
-  for (uint64_t word = (count + kWordBits - 1) / kWordBits; word-- > 0;) {
-    uint64_t bits = HFSPlusBitmapWord(bitmap, word) & maskOf(word, 0, count);
+  uint64_t words = (count + kWordBits - 1) / kWordBits;
+  while (words > 0) {
+    --words;
+    const uint64_t bits = HFSPlusBitmapWord(bitmap, words) & maskOf(words, 0, count);
     if (bits != 0) {
-      return word * kWordBits + (kWordBits - 1) - static_cast<uint64_t>(std::countr_zero(bits));
+      return words * kWordBits + (kWordBits - 1) - static_cast<uint64_t>(std::countr_zero(bits));
+    }
+    // Free space comes in long stretches, which are passed many words at a time.
+    while (words >= kWordsAtOnce && isZero(&bitmap[(words - kWordsAtOnce) * kWordBytes])) {
+      words -= kWordsAtOnce;
     }
   }
   return std::nullopt;

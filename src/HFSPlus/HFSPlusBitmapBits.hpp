@@ -26,6 +26,15 @@ uint64_t HFSPlusClearBits(std::span<std::byte> bitmap, uint64_t first, uint64_t 
 [[nodiscard]] std::optional<uint64_t> HFSPlusLastSetBit(std::span<const std::byte> bitmap,
                                                         uint64_t count);
 
+/// The number of set bits of a word, without the call that std::popcount() is where a processor may
+/// lack an instruction for it.
+[[nodiscard]] constexpr uint32_t HFSPlusCountBits(uint64_t word) {
+  word -= word >> 1 & 0x5555555555555555;
+  word = (word & 0x3333333333333333) + (word >> 2 & 0x3333333333333333);
+  word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0F;
+  return static_cast<uint32_t>(word * 0x0101010101010101 >> 56);
+}
+
 /// Eight bytes of the bitmap from a multiple of eight on, the first bit on top; bytes that a bitmap
 /// of odd length lacks count as zero.
 [[nodiscard]] uint64_t HFSPlusBitmapWord(std::span<const std::byte> bitmap, uint64_t word);

@@ -1,7 +1,6 @@
 #include "Tasks/HFSPlusBitmapScaler.hpp"
 
 #include <algorithm>
-#include <bit>
 #include <utility>
 
 #include "HFSPlus/HFSPlusBitmapBits.hpp"
@@ -22,6 +21,20 @@ constexpr std::array<DigitPair, 256> kDigitPairs = [] {
   return pairs;
 }();
 
+/// The groups of a byte at scales that divide it, for every byte: one bit a group.
+template <unsigned scale>
+constexpr std::array<uint8_t, 256> kGroupsOfByte = [] {
+  std::array<uint8_t, 256> groups{};
+  for (unsigned byte = 0; byte < groups.size(); ++byte) {
+    for (unsigned shift = 8; shift > 0; shift -= scale) {
+      const unsigned group = byte >> (shift - scale) & ((1U << scale) - 1);
+      const bool used = HFSPlusCountBits(group) * 2 >= scale;
+      groups[byte] = static_cast<uint8_t>(groups[byte] << 1 | unsigned{used});
+    }
+  }
+  return groups;
+}();
+
 }  // namespace
 
 HFSPlusBitmapScaler::HFSPlusBitmapScaler(uint32_t scale, Print print)
@@ -30,12 +43,17 @@ HFSPlusBitmapScaler::HFSPlusBitmapScaler(uint32_t scale, Print print)
 }
 
 void HFSPlusBitmapScaler::add(std::span<const std::byte> bitmap) {
-  if (_scale == 1) {
-    addBytes(bitmap);
-  } else if (_scale < kWordBits) {
-    addWordByWord(bitmap);
-  } else {
-    addGroupByGroup(bitmap);
+  switch (_scale) {
+    case 1:
+      return addBytes(bitmap);
+    case 2:
+      return addByteByByte(bitmap, kGroupsOfByte<2>, 4);
+    case 4:
+      return addByteByByte(bitmap, kGroupsOfByte<4>, 2);
+    case 8:
+      return addByteByByte(bitmap, kGroupsOfByte<8>, 1);
+    default:
+      return _scale < kWordBits ? addWordByWord(bitmap) : addGroupByGroup(bitmap);
   }
 }
 
@@ -52,23 +70,51 @@ void HFSPlusBitmapScaler::addBytes(std::span<const std::byte> bitmap) {
   }
 }
 
-/// Several groups a word: shifts them out of it one by one.
+/// Whole groups a byte: looks each byte up.
+void HFSPlusBitmapScaler::addByteByByte(std::span<const std::byte> bitmap,
+                                        const std::array<uint8_t, 256>& groupsOfByte,
+                                        unsigned groupsPerByte) {
+  unsigned groups = _groups;
+  for (const std::byte byte : bitmap) {
+    groups = groups << groupsPerByte | groupsOfByte[std::to_integer<size_t>(byte)];
+    if (groups >= kWholeByte) {
+      appendByte(groups);
+      groups = kNoGroups;
+    }
+  }
+  _groups = groups;
+}
+
+/// Several groups a word: shifts them out of it one by one. What changes with every group is kept
+/// out of memory meanwhile.
 void HFSPlusBitmapScaler::addWordByWord(std::span<const std::byte> bitmap) {
-  uint64_t bits = bitmap.size() * 8;
+  const uint64_t bits = bitmap.size() * 8;
+  unsigned groups = _groups;
+  uint32_t groupLeft = _groupLeft;
+  auto groupUsed = static_cast<uint32_t>(_groupUsed);
   for (uint64_t first = 0; first < bits; first += kWordBits) {
     uint64_t word = HFSPlusBitmapWord(bitmap, first / kWordBits);
     auto left = static_cast<uint32_t>(std::min<uint64_t>(kWordBits, bits - first));
-    while (left >= _groupLeft) {
-      _groupUsed += static_cast<uint64_t>(std::popcount(word >> (kWordBits - _groupLeft)));
-      word <<= _groupLeft;
-      left -= _groupLeft;
-      endGroup();
+    while (left >= groupLeft) {
+      groupUsed += HFSPlusCountBits(word >> (kWordBits - groupLeft));
+      groups = groups << 1 | unsigned{groupUsed * 2 >= _scale};
+      if (groups >= kWholeByte) {
+        appendByte(groups);
+        groups = kNoGroups;
+      }
+      word <<= groupLeft;
+      left -= groupLeft;
+      groupLeft = _scale;
+      groupUsed = 0;
     }
     if (left > 0) {
-      _groupUsed += static_cast<uint64_t>(std::popcount(word >> (kWordBits - left)));
-      _groupLeft -= left;
+      groupUsed += HFSPlusCountBits(word >> (kWordBits - left));
+      groupLeft -= left;
     }
   }
+  _groups = groups;
+  _groupLeft = groupLeft;
+  _groupUsed = groupUsed;
 }
 
 /// Several words a group.
@@ -86,26 +132,27 @@ void HFSPlusBitmapScaler::addGroupByGroup(std::span<const std::byte> bitmap) {
 }
 
 void HFSPlusBitmapScaler::endGroup() {
-  bool used = _groupUsed * 2 >= _scale;
+  _groups = _groups << 1 | unsigned{_groupUsed * 2 >= _scale};
   _groupLeft = _scale;
   _groupUsed = 0;
-  _byte = _byte << 1 | unsigned{used};
-  if (++_byteBits < 8) {
-    return;
+  if (_groups >= kWholeByte) {
+    appendByte(std::exchange(_groups, kNoGroups));
   }
-  _line[_lineBytes++] = static_cast<std::byte>(_byte);
-  _byte = 0;
-  _byteBits = 0;
+}
+
+void HFSPlusBitmapScaler::appendByte(unsigned groups) {
+  _line[_lineBytes++] = static_cast<std::byte>(groups);
   if (_lineBytes == _line.size()) {
     printLine();
   }
 }
 
 void HFSPlusBitmapScaler::finish() {
-  if (_byteBits > 0 || _groupLeft < _scale) {
-    _line[_lineBytes++] = static_cast<std::byte>(_byte << (8 - _byteBits));
-    _byte = 0;
-    _byteBits = 0;
+  if (_groups != kNoGroups || _groupLeft < _scale) {
+    while (_groups < kWholeByte) {
+      _groups <<= 1;
+    }
+    _line[_lineBytes++] = static_cast<std::byte>(std::exchange(_groups, kNoGroups));
     _groupLeft = _scale;
     _groupUsed = 0;
   }

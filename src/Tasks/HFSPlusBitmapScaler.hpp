@@ -29,17 +29,23 @@ class HFSPlusBitmapScaler {
 
  private:
   void addBytes(std::span<const std::byte> bitmap);
+  void addByteByByte(std::span<const std::byte> bitmap,
+                     const std::array<uint8_t, 256>& groupsOfByte, unsigned groupsPerByte);
   void addWordByWord(std::span<const std::byte> bitmap);
   void addGroupByGroup(std::span<const std::byte> bitmap);
   void endGroup();
+  void appendByte(unsigned groups);
   void printLine();
+
+  // The bits of the last groups, behind a leading 1 that tells how many there are.
+  static constexpr unsigned kNoGroups = 1;
+  static constexpr unsigned kWholeByte = 1 << 8;
 
   uint32_t _scale;
   Print _print;
-  uint32_t _groupLeft;      // bits still to come of the current group
-  uint64_t _groupUsed = 0;  // set ones among those that have come
-  unsigned _byte = 0;       // the last groups' bits, fewer than eight
-  unsigned _byteBits = 0;
+  uint32_t _groupLeft;           // bits still to come of the current group
+  uint64_t _groupUsed = 0;       // set ones among those that have come
+  unsigned _groups = kNoGroups;  // those that have come since the last whole byte
   size_t _lineBytes = 0;
   std::array<std::byte, kDigitsPerLine / 2> _line;
 };
