@@ -1,0 +1,1 @@
+"""What the measurements have in common: volumes, the program under measurement, floors, results."""
