@@ -9,6 +9,7 @@
 #include "HFSPlus/HFSPlusAllocation.hpp"
 #include "HFSPlus/HFSPlusAttributes.hpp"
 #include "HFSPlus/HFSPlusBTreeBulkIterator.hpp"
+#include "HFSPlus/HFSPlusCatalog.hpp"
 #include "HFSPlus/HFSPlusCatalogScan.hpp"
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkWalk.hpp"
@@ -44,6 +45,7 @@ class Reader final : public HFSPlusCatalogScanDelegate {
       ownExtents(*_volume.hostForkData(fileID), fileID, kHFSDataForkType);
     }
     static_cast<void>(_volume.scanCatalogFiles(*this));
+    readLeaves();
     readAttributes();
     for (const std::string& owner : _unsure) {
       _contents.checksums.erase(owner);
@@ -61,6 +63,25 @@ class Reader final : public HFSPlusCatalogScanDelegate {
     return {};
   }
 
+  /// Files that the map of nodes does not lead to can be found by their names all the same.
+  void readLeaves() {
+    HFSPlusCatalog& catalog = _volume.catalog();
+    uint32_t next = catalog.firstLeafNode();
+    for (uint32_t nodes = 0; next != 0 && nodes < catalog.nodeCount(); ++nodes) {
+      const auto node = catalog.cachedNodeWithIndex(next);
+      if (!node || (*node)->kind() != kBTLeafNode) {
+        return;
+      }
+      for (uint32_t i = 0; i < (*node)->recordCount(); ++i) {
+        const auto record = HFSPlusCatalogRecordView::of((*node)->recordDataAtIndex(i));
+        if (record && record->type() == kHFSPlusFileRecord && record->file() != nullptr) {
+          static_cast<void>(scanCatalogFile(*record->file(), record->key));
+        }
+      }
+      next = (*node)->fLink();
+    }
+  }
+
   void own(const HFSPlusExtentDescriptor& extent) {
     const uint64_t end = uint64_t{extent.startBlock} + extent.blockCount;
     for (uint64_t block = extent.startBlock; block < std::min<uint64_t>(end, _owned.size());
@@ -76,7 +97,8 @@ class Reader final : public HFSPlusCatalogScanDelegate {
   }
 
   void take(const std::string& owner, uint64_t checksum) {
-    if (!_contents.checksums.emplace(owner, checksum).second) {
+    const auto [entry, isNew] = _contents.checksums.emplace(owner, checksum);
+    if (!isNew && entry->second != checksum) {
       _unsure.insert(owner);
     }
   }

@@ -12,7 +12,7 @@ namespace fuzz {
 /// What a volume holds as the program itself reads it, wherever it lies.
 struct VolumeContents {
   /// Checksums of what can be read in full, by owner: the data and resource forks of every file
-  /// record, and the extents of every attribute record. An owner that appears more than once, or
+  /// record, and the extents of every attribute record. An owner of two contents, or one
   /// that cannot be read, has none.
   std::map<std::string, uint64_t> checksums;
   /// Checksums of the blocks that are marked as used and belong to nobody who is listed.

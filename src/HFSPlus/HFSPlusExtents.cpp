@@ -145,7 +145,10 @@ Result<> HFSPlusExtents::updateExtentRecord(const HFSPlusExtentRecord& host, uin
   if (!record) {
     return std::unexpected(missingError());
   }
-  return leaf->setRecordData(HFSPlusMakeExtentLeafRecord(searchKey, host), *record);
+  // The key stays as it is, bytes that no comparison looks at included.
+  const std::span<std::byte> stored = leaf->mutableRecordDataAtIndex(*record);
+  std::ranges::copy(toDisk(host).bytes, stored.subspan(kHFSPlusExtentKeyBytes).begin());
+  return {};
 }
 
 // Insertion

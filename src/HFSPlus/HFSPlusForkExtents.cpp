@@ -87,7 +87,8 @@ Result<> HFSPlusForkExtents::_checkForkType() {
 Result<> HFSPlusForkExtents::_readFork() {
   if (!_specialFile) {
     _fileRecord = TRY(_volume.catalog().copyRecordForCNID(_fileID));
-    if (!_fileRecord.isFile()) {
+    // A thread record can lead to another file's record.
+    if (!_fileRecord.isFile() || _fileRecord.file().fileID != _fileID) {
       return std::unexpected(XRDefragError::localized(
           "File ID = %1$u (%2$@) could not be found. The catalog file may be corrupt.", _fileID,
           _nameForMessages()));

@@ -60,7 +60,12 @@ Result<std::optional<HFSPlusRunRecovery>> HFSPlusRunRecovery::find(
   if (!record) {
     return std::nullopt;
   }
-  return HFSPlusRunRecovery(place, *found, header, std::move(record));
+  HFSPlusRunRecovery recovery(place, *found, header, std::move(record));
+  // No flush makes another volume of this one.
+  if (HFSPlusIdentityOfRun(locator, recovery._header) != HFSPlusIdentityOfRun(locator, header)) {
+    return std::nullopt;
+  }
+  return recovery;
 }
 
 HFSPlusRunRecovery::HFSPlusRunRecovery(HFSPlusVolumePlace place, const HFSPlusFoundLocator& found,

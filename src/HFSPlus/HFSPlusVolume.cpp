@@ -297,7 +297,10 @@ Result<> HFSPlusVolume::updateForkExtents(const HFSPlusExtentRecord& host, uint3
 
 void HFSPlusVolume::updateFreeBlocks(int64_t delta) {
   if (delta != 0) {
-    _hostVolumeHeader.freeBlocks += static_cast<uint32_t>(delta);
+    // A count that was wrong to begin with must not become one with which no volume opens.
+    const int64_t free = int64_t{_hostVolumeHeader.freeBlocks} + delta;
+    _hostVolumeHeader.freeBlocks =
+        static_cast<uint32_t>(std::clamp<int64_t>(free, 0, _hostVolumeHeader.totalBlocks));
     _dirty = true;
   }
 }

@@ -1,5 +1,6 @@
 #include "Tasks/HFSPlusDefragMode.hpp"
 
+#include "HFSPlus/HFSPlusCatalog.hpp"
 #include "HFSPlus/HFSPlusVolume.hpp"
 #include "Tasks/HFSPlusDefragStretch.hpp"
 
@@ -109,6 +110,10 @@ auto HFSPlusDefragMode::_chooseFirstAllocatedFork() -> Result<Choice> {
   _state.fileID = run->entry->cnid;
   _state.forkType = run->entry->info.forkType;
   TRY(_loadExtents());
+  // Two files with one ID: the catalog leads to the one, the map to the blocks of the other.
+  if (_remainingExtents() == 0) {
+    return std::unexpected(_volume.catalog().inconsistent());
+  }
   return Choice::Fork;
 }
 
