@@ -65,6 +65,10 @@ Result<HFSPlusBTreeNodeHold> HFSPlusBTreeBulkIterator::nextCachedNode() {
                             : _btree.cachedNodeWithIndex(index);
 }
 
+bool HFSPlusBTreeBulkIterator::visits(uint32_t index) const {
+  return index < _btree.nodeCount() && _isUsed(index);
+}
+
 bool HFSPlusBTreeBulkIterator::_isUsed(uint32_t index) const {
   return (_mapData[index / 8] & (std::byte{0x80} >> (index % 8))) != std::byte{0};
 }

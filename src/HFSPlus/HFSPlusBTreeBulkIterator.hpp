@@ -21,6 +21,9 @@ class HFSPlusBTreeBulkIterator {
   /// often as it is asked for. After a failure the next call goes on behind the failing node.
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> nextCachedNode();
 
+  /// Whether a node is among those visited, sooner or later.
+  [[nodiscard]] bool visits(uint32_t index) const;
+
  private:
   explicit HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree);
 

@@ -44,6 +44,12 @@ Result<> showFiles(const HFSPlusCatalog& catalog, const HFSPlusBTreeNode& leaf,
 
 Result<> scanBulk(HFSPlusCatalog& catalog, HFSPlusCatalogScanDelegate& delegate) {
   const auto iterator = TRY(HFSPlusBTreeBulkIterator::open(catalog));
+  const auto misses = [&](uint32_t leaf) {
+    return leaf != 0 && delegate.needsEveryFile() && !iterator->visits(leaf);
+  };
+  if (misses(catalog.firstLeafNode())) {
+    return std::unexpected(catalog.inconsistent());
+  }
   for (;;) {
     TRY(continueUnlessAborted());
     const auto node = TRY(iterator->nextCachedNode());
@@ -51,6 +57,9 @@ Result<> scanBulk(HFSPlusCatalog& catalog, HFSPlusCatalogScanDelegate& delegate)
       return {};
     }
     if (node->kind() == kBTLeafNode) {
+      if (misses(node->fLink())) {
+        return std::unexpected(catalog.inconsistent());
+      }
       TRY(showFiles(catalog, *node, delegate));
     }
   }

@@ -12,6 +12,9 @@ class HFSPlusCatalogScanDelegate {
 
   /// Once, before the first file.
   virtual void scanCatalogFilesWillStart() {}
+  /// Whether a file that the scan would miss makes the catalog inconsistent: one whose node the
+  /// chain of leaves leads to although the tree's map calls it unused.
+  [[nodiscard]] virtual bool needsEveryFile() const { return false; }
   /// Once a file record. Both arguments lie in the node, in disk order, and are gone afterwards. An
   /// error stops the scan and is its error.
   [[nodiscard]] virtual Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,

@@ -67,6 +67,8 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   Result<> _insertForkExtents(const HFSPlusForkData& fork, uint32_t fileID, uint8_t forkType,
                               HFSPlusExtentType type);
   Result<> _insertExtent(uint64_t start, uint64_t count, uint32_t cnid, HFSPlusExtentInfo info);
+  /// Blocks of a file that is missed would be taken for free.
+  bool needsEveryFile() const override { return true; }
   Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                            const HFSPlusCatalogKeyView& key) override;
   Result<uint32_t> _fileIDForPath(const char* path);

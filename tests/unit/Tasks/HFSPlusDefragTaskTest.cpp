@@ -5,6 +5,7 @@
 #include <atomic>
 #include <thread>
 
+#include "HFSPlus/HFSPlusByteOrder.hpp"
 #include "HFSPlus/HFSPlusCatalog.hpp"
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkExtents.hpp"
@@ -108,6 +109,32 @@ TEST(HFSPlusDefragTask, AReadOnlyVolumeIsRefused) {
   ASSERT_TRUE(volume.open());
   EXPECT_EQ(RewritingRun::linesOf(*RewritingRun::taskOf(*volume, "COMPACT")),
             (Lines{"COMPACT,START", "COMPACT,ERROR,Volume is read-only.", "COMPACT,DONE"}));
+}
+
+/// Makes the catalog's map of nodes call its last leaf unused.
+void hideLastLeaf(std::vector<std::byte>& image) {
+  constexpr size_t kVolumeHeader = 1024;
+  constexpr size_t kBlockSize = kVolumeHeader + 40;
+  constexpr size_t kCatalogStartBlock = kVolumeHeader + 272 + 16;
+  constexpr size_t kLastLeafNode = 14 + 14;
+  constexpr size_t kMapRecord = 14 + 106 + 128;
+  const auto number = [&](size_t offset) { return readBigEndian<uint32_t>(&image[offset]); };
+  const size_t catalog = size_t{number(kCatalogStartBlock)} * number(kBlockSize);
+  const uint32_t leaf = number(catalog + kLastLeafNode);
+  image[catalog + kMapRecord + leaf / 8] &= ~(std::byte{0x80} >> (leaf % 8));
+}
+
+TEST(HFSPlusDefragTask, ACatalogWhoseMapHidesFilesIsRefused) {
+  std::vector<std::byte> image = support::buildVolume(smallVolume()).image;
+  hideLastLeaf(image);
+  for (const char* command : {"DEFRAG", "COMPACT"}) {
+    doubles::TestVolume volume(image);
+    ASSERT_TRUE(volume.open());
+    volume.recording->clear();
+    const Lines lines = RewritingRun::linesOf(*RewritingRun::taskOf(*volume, command));
+    EXPECT_EQ(RewritingRun::errorIn(lines), "Catalog file is inconsistent.");
+    EXPECT_TRUE(volume.recording->changes().empty());
+  }
 }
 
 TEST(HFSPlusDefragTask, AVolumeInPlaceIsNotWrittenTo) {
