@@ -204,7 +204,7 @@ TEST_P(EngineLayout, IsTheReferencesBehindAMetadataZoneToo) {
   ASSERT_TRUE(device);
   const auto volume = HFSPlusVolume::open(**device);
   ASSERT_TRUE(volume);
-  constexpr uint64_t kBufferBytes = 64 << 20;
+  constexpr uint32_t kBufferBytes = 64 << 20;
   const auto settings =
       settingsOf(**volume, GetParam(), kBufferBytes / before.header.blockSize, before);
   ReferenceEngine reference(before, settings);
