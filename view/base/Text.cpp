@@ -283,6 +283,10 @@ std::string prettyShare(uint64_t part, uint64_t whole) {
 }
 
 std::string prettyDuration(double seconds) {
+  constexpr double kTenthsBelow = 9.95;
+  if (seconds < kTenthsBelow) {
+    return printed("%.1f s", std::max(0.0, seconds));
+  }
   const auto whole = static_cast<unsigned long long>(std::llround(std::max(0.0, seconds)));
   if (whole < 60) {
     return printed("%llu s", whole);

@@ -72,7 +72,8 @@ TEST(ViewTextTest, AShareIsAHundredOnlyWhenItIsAll) {
 }
 
 TEST(ViewTextTest, DurationsAreSaidAsPeopleSayThem) {
-  EXPECT_EQ(prettyDuration(0.2), "0 s");
+  EXPECT_EQ(prettyDuration(0.2), "0.2 s");
+  EXPECT_EQ(prettyDuration(9.96), "10 s");
   EXPECT_EQ(prettyDuration(59.6), "1 min 00 s");
   EXPECT_EQ(prettyDuration(7620), "2 h 07 min");
 }
