@@ -12,7 +12,7 @@ class Program:
     """A running xrdefrag. Leaving the `with` block sends QUIT and waits for the end."""
 
     def __init__(self, volume, trace=None, debug_log=None):
-        environment = dict(os.environ, LWDebugLevel="5" if debug_log else "0")
+        environment = dict(os.environ, LWDebugLevel="debug" if debug_log else "err")
         if trace:
             environment |= {"LD_PRELOAD": str(setting.RECORDER), "TRANSFER_TRACE": str(trace)}
         self._log = open(debug_log, "wb") if debug_log else subprocess.DEVNULL
