@@ -40,6 +40,13 @@ class ViewScreenTest : public ViewTest {
     EXPECT_EQ(screen.text().find("defragment  c compact"), std::string::npos) << screen.text();
   }
 
+  /// Asks for a run, and answers the question before it.
+  static void defragment(TmuxScreen& screen) {
+    screen.press("d");
+    ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
+    screen.press("y");
+  }
+
   static bool hasColour(const TmuxScreen& screen) {
     return std::regex_search(screen.colouredText(), std::regex("\033\\[[34][0-8]"));
   }
@@ -188,9 +195,7 @@ TEST_F(ViewScreenTest, ARunIsShownAndStoppedOnlyAfterAQuestion) {
   TmuxScreen screen(folder, 24, 80);
   start(screen, command("--program " + endlessRun() + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
-  screen.press("d");
-  ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
-  screen.press("y");
+  ASSERT_NO_FATAL_FAILURE(defragment(screen));
   ASSERT_TRUE(screen.waitFor("40 %")) << screen.text();
   ASSERT_TRUE(screen.waitFor("8.0 MiB moved")) << screen.text();
   ASSERT_TRUE(screen.waitFor("about ")) << screen.text();
@@ -206,9 +211,7 @@ TEST_F(ViewScreenTest, ARunIsShownAndStoppedOnlyAfterAQuestion) {
   screen.press("y");
   EXPECT_TRUE(screen.waitFor("Stopped; 8.0 MiB moved")) << screen.text();
   EXPECT_TRUE(screen.waitFor("d defragment")) << screen.text();
-  screen.press("d");
-  ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
-  screen.press("y");
+  ASSERT_NO_FATAL_FAILURE(defragment(screen));
   ASSERT_TRUE(screen.waitFor("40 %")) << screen.text();
   screen.press("q");
   ASSERT_TRUE(screen.waitFor("Stop and leave?"));
@@ -222,9 +225,7 @@ TEST_F(ViewScreenTest, AChildThatIsKilledInARunIsSaidSo) {
   TmuxScreen screen(folder, 24, 80);
   start(screen, command("--program " + standIn(body) + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
-  screen.press("d");
-  ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
-  screen.press("y");
+  ASSERT_NO_FATAL_FAILURE(defragment(screen));
   ASSERT_TRUE(screen.waitFor("xrdefrag is gone")) << screen.text();
   EXPECT_NE(screen.text().find("It was rewriting the volume."), std::string::npos) << screen.text();
   screen.press("Enter q");
@@ -239,9 +240,7 @@ TEST_F(ViewScreenTest, AnErrorIsShownAndTheScreenGoesOn) {
   TmuxScreen screen(folder, 24, 80);
   start(screen, command("--program " + standIn(body) + " " + volume));
   ASSERT_TRUE(screen.waitFor("d defragment")) << screen.text();
-  screen.press("d");
-  ASSERT_TRUE(screen.waitFor("Defragment this volume?"));
-  screen.press("y");
+  ASSERT_NO_FATAL_FAILURE(defragment(screen));
   ASSERT_TRUE(screen.waitFor("Volume is mounted.")) << screen.text();
   screen.press("Enter");
   EXPECT_TRUE(screen.waitUntilGone("Volume is mounted."));
