@@ -12,9 +12,9 @@
 ///
 /// How it transfers is settled by measurements, which bench/run repeats. Metadata goes through the
 /// page cache: the system reads ahead of whoever reads on and on, and a catalog that is scanned
-/// again comes from memory, five times as fast as from the device. What is transferred once goes
-/// directly between buffer and device where it is large, which leaves other people's cache alone
-/// and nothing for a sync to wait for. The kernel keeps both views of a file coherent.
+/// again comes from memory. What is transferred once goes directly between buffer and device where
+/// it is large, which leaves other people's cache alone and nothing for a sync to wait for. The
+/// kernel keeps both views of a file coherent.
 ///
 /// Transfers may be issued from any thread.
 class PlatformRawDevice final : public PlatformDevice {
@@ -38,8 +38,8 @@ class PlatformRawDevice final : public PlatformDevice {
   std::expected<size_t, int> readOnceAt(std::span<std::byte> bytes, uint64_t offset) override;
   std::expected<size_t, int> writeOnceAt(std::span<const std::byte> bytes,
                                          uint64_t offset) override;
-  /// Small transfers wait for the device's answer more than for its bytes: with eight on their way
-  /// a scattered file is read in half the time.
+  /// Small transfers wait for the device's answer more than for its bytes, so that several on their
+  /// way at once take less time than one after another.
   unsigned transfersAtOnce() const override { return 8; }
   std::expected<void, int> sync() override;
   uint32_t blockSize() const override { return _blockSize; }
