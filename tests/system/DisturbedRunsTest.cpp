@@ -8,23 +8,18 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <regex>
 #include <thread>
 
 #include "support/SeededRandom.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "system/ProtocolSuite.hpp"
 
 namespace {
 
 using support::SeededRandom;
-
-uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
-  const char* text = std::getenv(name);
-  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 /// What a line of each kind looks like, commas in free text being escaped.
 const std::regex& lineShape() {

@@ -17,6 +17,7 @@
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
 #include "support/doubles/LoopDevice.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "system/ProgramRunner.hpp"
 #include "system/RewritingFixture.hpp"
 
@@ -25,11 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 using volumecheck::CheckResult;
-
-uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
-  const char* text = std::getenv(name);
-  return text ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 class Rewriting : public RewritingFixture {
  protected:

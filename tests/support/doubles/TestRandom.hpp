@@ -18,6 +18,12 @@ class TestRandom {
   std::mt19937 _engine;
 };
 
+/// The number in an environment variable by which a test can be asked for more.
+inline uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
+  const char* text = std::getenv(name);
+  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
 /// The seed that XRDEFRAG_TEST_SEED asks for, so that what failed can be drawn again.
 inline std::optional<uint32_t> givenTestSeed() {
   const char* given = std::getenv("XRDEFRAG_TEST_SEED");

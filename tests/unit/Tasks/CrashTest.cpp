@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <random>
 #include <regex>
 #include <set>
@@ -22,6 +21,7 @@
 #include "support/doubles/PowerCut.hpp"
 #include "support/doubles/RecordingDevice.hpp"
 #include "support/doubles/ScratchFile.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
 
 namespace {
@@ -35,11 +35,6 @@ using Image = std::vector<std::byte>;
 constexpr size_t kTornWays = 10;
 constexpr uint64_t kStatesAReading = 500;  // of which the outside readers judge one
 constexpr uint32_t kFills[] = {40, 75, 92, 98};
-
-uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
-  const char* text = std::getenv(name);
-  return text ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 support::RandomVolumeOptions optionsOf(uint64_t seed, uint32_t fillPercent) {
   support::RandomVolumeOptions options;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
 
 #include "HFSPlus/HFSPlusAllocation.hpp"
@@ -20,6 +19,7 @@
 #include "support/doubles/FaultyDevice.hpp"
 #include "support/doubles/PowerCut.hpp"
 #include "support/doubles/RecordingDevice.hpp"
+#include "support/doubles/TestRandom.hpp"
 #include "unit/Tasks/RewritingRun.hpp"
 
 namespace {
@@ -34,11 +34,6 @@ using volumecheck::ForkType;
 using Image = std::vector<std::byte>;
 
 constexpr uint64_t kStepsPerVolume = 60;
-
-uint64_t numberFromEnvironment(const char* name, uint64_t otherwise) {
-  const char* text = std::getenv(name);
-  return text ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 class RunSequence {
  public:
