@@ -41,11 +41,13 @@ class AilingDevice final : public PlatformDevice {
     _badSectors.clear();
     _illness.reset();
     _action = nullptr;
+    _firstFailure.reset();
   }
   /// Calls so far.
   uint64_t calls() const { return _calls; }
-  /// Calls that it has failed.
+  /// Calls that it has failed, and the first of them since it recovered last.
   uint64_t failures() const { return _failures; }
+  std::optional<uint64_t> firstFailure() const { return _firstFailure; }
 
   std::expected<size_t, int> readAt(std::span<std::byte> bytes, uint64_t offset) override {
     count();
@@ -69,8 +71,7 @@ class AilingDevice final : public PlatformDevice {
   std::expected<void, int> sync() override {
     count();
     if (_illness && _illness != Illness::Shrunk) {
-      ++_failures;
-      return std::unexpected(EIO);
+      return fail(EIO);
     }
     return _device->sync();
   }
@@ -87,6 +88,7 @@ class AilingDevice final : public PlatformDevice {
   }
   std::unexpected<int> fail(int error) {
     ++_failures;
+    _firstFailure = _firstFailure.value_or(_calls - 1);
     return std::unexpected(error);
   }
   bool touchesBadSector(uint64_t offset, size_t size) const {
@@ -103,6 +105,7 @@ class AilingDevice final : public PlatformDevice {
   std::optional<Illness> _illness;
   uint64_t _calls = 0;
   uint64_t _failures = 0;
+  std::optional<uint64_t> _firstFailure;
   uint64_t _due = 0;
   std::function<void()> _action;
 };

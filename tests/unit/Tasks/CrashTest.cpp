@@ -131,23 +131,6 @@ Setting profileSetting(uint64_t seed) {
   return setting;
 }
 
-/// Opens the volume in an image, as a new start of the program would, and gives back what is on
-/// the device then; nothing if it does not open. `recovery` receives what opening wrote.
-std::optional<Image> reopen(const Image& image, std::vector<RecordingDevice::Record>* recovery) {
-  const auto memory = std::make_shared<MemoryDevice>(image);
-  const auto recording = std::make_shared<RecordingDevice>(memory);
-  const XRDefragVolume device("/nowhere/volume", recording, false, true);
-  const auto volume = HFSPlusVolume::open(device, HFSXVolumes::Accepted);
-  if (!volume) {
-    ADD_FAILURE() << volume.error().description();
-    return std::nullopt;
-  }
-  if (recovery) {
-    *recovery = recording->changes();
-  }
-  return memory->image();
-}
-
 /// Counts the states that are looked at and spreads them over all that there are.
 class Budget {
  public:
@@ -247,10 +230,8 @@ class InterruptedRun {
   /// and makes the run again.
   void expectRecovers(const Image& image, bool thoroughly, Budget& budget) {
     std::vector<RecordingDevice::Record> recovery;
-    const auto recovered = reopen(image, &recovery);
-    if (!recovered) {
-      return;
-    }
+    const auto recovered = RewritingRun::reopened(image, &recovery);
+    ASSERT_TRUE(recovered) << recovered.error().description();
     expectNothingLost(*recovered);
     if (!thoroughly) {
       return;
@@ -262,9 +243,9 @@ class InterruptedRun {
            {PowerCut::Unsynced::Lost, PowerCut::Unsynced::Kept, PowerCut::Unsynced::Torn}) {
         SCOPED_TRACE("recovery cut at " + std::to_string(point));
         budget.take();
-        if (const auto again = reopen(powerCut.image(unsynced, point), nullptr)) {
-          EXPECT_EQ(*again, *recovered);
-        }
+        const auto again = RewritingRun::reopened(powerCut.image(unsynced, point));
+        ASSERT_TRUE(again) << again.error().description();
+        EXPECT_EQ(*again, *recovered);
       }
     }
     expectRunsAgain(*recovered);
@@ -297,12 +278,7 @@ class InterruptedRun {
     if (++_statesJudged % kStatesAReading == 0) {
       expectOutsideReadersAgree(image);
     }
-    const auto reserved = [](const Image& bytes) {
-      Image sectors(bytes.begin(), bytes.begin() + 1024);
-      sectors.insert(sectors.end(), bytes.end() - 512, bytes.end());
-      return sectors;
-    };
-    EXPECT_EQ(reserved(image), reserved(_before));
+    EXPECT_EQ(RewritingRun::reservedBytes(image), RewritingRun::reservedBytes(_before));
   }
 
   /// Has others than the checker judge.

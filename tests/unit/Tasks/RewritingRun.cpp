@@ -68,6 +68,27 @@ void RewritingRun::openThrough(const Wrap& wrap) {
   _volume = std::move(*opened);
 }
 
+Result<std::vector<std::byte>> RewritingRun::reopened(
+    const std::vector<std::byte>& image, std::vector<doubles::RecordingDevice::Record>* changes) {
+  const auto memory = std::make_shared<doubles::MemoryDevice>(image);
+  const auto recording = std::make_shared<doubles::RecordingDevice>(memory);
+  const XRDefragVolume device("/nowhere/volume", recording, false, true);
+  const auto volume = HFSPlusVolume::open(device, HFSXVolumes::Accepted);
+  if (changes) {
+    *changes = recording->changes();
+  }
+  if (!volume) {
+    return std::unexpected(volume.error());
+  }
+  return memory->image();
+}
+
+std::vector<std::byte> RewritingRun::reservedBytes(const std::vector<std::byte>& image) {
+  std::vector<std::byte> sectors(image.begin(), image.begin() + 1024);
+  sectors.insert(sectors.end(), image.end() - 512, image.end());
+  return sectors;
+}
+
 std::shared_ptr<HFSPlusDefragTask> RewritingRun::taskOf(HFSPlusVolume& volume,
                                                         std::string_view line) {
   const std::vector<std::string> words = LWTrimmedComponents(line);

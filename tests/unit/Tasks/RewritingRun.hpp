@@ -13,6 +13,7 @@
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
 #include "support/doubles/MemoryDevice.hpp"
+#include "support/doubles/RecordingDevice.hpp"
 
 /// A volume in memory on which DEFRAG and COMPACT are run, and what became of it.
 class RewritingRun {
@@ -39,6 +40,14 @@ class RewritingRun {
   static std::shared_ptr<HFSPlusDefragTask> taskOf(HFSPlusVolume& volume, std::string_view line);
   /// Runs a task to its end; the report lines without their newlines.
   static std::vector<std::string> linesOf(HFSPlusDefragTask& task);
+
+  /// Opens the volume in an image, as a new start of the program would; what is on the device then.
+  /// `changes` receives what opening wrote.
+  static Result<std::vector<std::byte>> reopened(
+      const std::vector<std::byte>& image,
+      std::vector<doubles::RecordingDevice::Record>* changes = nullptr);
+  /// The bytes that the format reserves, in which a run leaves nothing.
+  static std::vector<std::byte> reservedBytes(const std::vector<std::byte>& image);
 
   /// Runs a DEFRAG or COMPACT line to its end.
   std::vector<std::string> run(std::string_view line);

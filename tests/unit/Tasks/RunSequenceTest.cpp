@@ -39,7 +39,7 @@ class RunSequence {
  public:
   RunSequence(uint64_t seed, support::BuiltVolume built)
       : _random(seed * 77), _image(built.image.begin(), built.image.end()), _run(std::move(built)) {
-    _reserved = reservedBytes(_image);
+    _reserved = RewritingRun::reservedBytes(_image);
   }
 
   /// Some runs in one process, and what becomes of the volume.
@@ -65,17 +65,11 @@ class RunSequence {
     recover();
     const std::string faults = _run.faultsIn(_image);
     EXPECT_EQ(faults, "") << _history;
-    EXPECT_EQ(reservedBytes(_image), _reserved) << _history;
+    EXPECT_EQ(RewritingRun::reservedBytes(_image), _reserved) << _history;
     _history += ";";
   }
 
  private:
-  static Image reservedBytes(const Image& bytes) {
-    Image sectors(bytes.begin(), bytes.begin() + 1024);
-    sectors.insert(sectors.end(), bytes.end() - 512, bytes.end());
-    return sectors;
-  }
-
   /// Whether a run may end like this: without an error, with that of a device, or for lack of room.
   /// A journal whose path cannot be read counts as any other file, but for its blocks, which the
   /// run then finds to have two owners.

@@ -4,8 +4,8 @@
 #include <ostream>
 
 #include "support/VolumeCheckerBytes.hpp"
+#include "support/VolumeSurgeon.hpp"
 #include "unit/support/SampleVolumes.hpp"
-#include "unit/support/VolumeSurgeon.hpp"
 
 using namespace volumecheck;
 

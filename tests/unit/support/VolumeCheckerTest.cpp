@@ -7,8 +7,8 @@
 #include <random>
 
 #include "support/VolumeBuilder.hpp"
+#include "support/VolumeSurgeon.hpp"
 #include "unit/support/SampleVolumes.hpp"
-#include "unit/support/VolumeSurgeon.hpp"
 
 using namespace volumecheck;
 

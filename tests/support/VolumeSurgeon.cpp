@@ -1,6 +1,4 @@
-#include "unit/support/VolumeSurgeon.hpp"
-
-#include <gtest/gtest.h>
+#include "support/VolumeSurgeon.hpp"
 
 #include <stdexcept>
 
@@ -10,7 +8,9 @@ using namespace volumecheck;
 
 VolumeSurgeon::VolumeSurgeon(std::vector<std::uint8_t> volume) : _volume(std::move(volume)) {
   CheckResult result = checkVolumeBytes(_volume);
-  EXPECT_TRUE(result.findings.empty()) << result.report();
+  if (!result.findings.empty()) {
+    throw std::logic_error(result.report());
+  }
   _truth = std::move(result.truth);
 }
 

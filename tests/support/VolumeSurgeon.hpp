@@ -8,7 +8,8 @@
 
 #include "support/VolumeChecker.hpp"
 
-// Opens up a sound volume in memory and breaks single rules in it.
+// Opens up a sound volume in memory, finds its parts and breaks single rules in it. Throws when
+// something that a test asks for is not there.
 class VolumeSurgeon {
  public:
   using Bytes = volumecheck::Bytes;
@@ -47,7 +48,7 @@ class VolumeSurgeon {
   // The offset of entry `index` of a node's offset table.
   std::size_t recordOffset(std::uint32_t treeID, std::uint32_t node, std::size_t index) const;
 
-  // The first leaf (height 1) or index record (height 2) chosen; fails the test when there is none.
+  // The first leaf (height 1) or index record (height 2) chosen.
   Record find(std::uint32_t treeID, int height, const Choice& choice) const;
   Record leaf(std::uint32_t treeID) const;
   Record catalogRecord(const std::string& path) const;
