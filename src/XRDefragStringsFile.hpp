@@ -9,6 +9,7 @@
 
 /// Translations in a file: a property list, XML or binary, whose root is a dictionary from English
 /// message formats to formats in another language. Values that are not strings translate nothing.
+/// XML is in UTF-8 or, behind a byte order mark, in UTF-16.
 namespace XRDefragStringsFile {
 
 /// A file larger than this is not taken for one of translations.

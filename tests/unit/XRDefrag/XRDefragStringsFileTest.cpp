@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstdint>
 #include <random>
 #include <string>
@@ -47,6 +48,17 @@ std::string repeated(const std::string& text, size_t count) {
     result += text;
   }
   return result;
+}
+
+std::string utf16(const std::u16string& text, std::endian order) {
+  std::string bytes;
+  for (const char16_t unit : text) {
+    const auto high = static_cast<char>(unit >> 8);
+    const auto low = static_cast<char>(unit & 0xFF);
+    bytes += order == std::endian::big ? high : low;
+    bytes += order == std::endian::big ? low : high;
+  }
+  return bytes;
 }
 
 const std::string kSmallBinaryList = binaryList({"\xD1"s + bigEndian(1, 4) + bigEndian(2, 4),
@@ -98,6 +110,32 @@ TEST(XRDefragStringsFile, WhatIsNoPropertyListIsRefused) {
 
 TEST(XRDefragStringsFile, XMLThatIsNotUTF8IsRefused) {
   EXPECT_FALSE(XRDefragStringsFile::parse(xml("<dict><key>a</key><string>\xFF</string></dict>")));
+}
+
+TEST(XRDefragStringsFile, AByteOrderMarkTellsHowXMLIsEncoded) {
+  const std::u16string list =
+      u"<?xml version=\"1.0\" encoding=\"UTF-16\"?>\n<plist version=\"1.0\"><dict>"
+      u"<key>No device specified.</key><string>Ger\u00E4t \U0001F600?</string></dict></plist>\n";
+  const Map expected{{"No device specified.", "Ger\xC3\xA4t \xF0\x9F\x98\x80?"}};
+  EXPECT_EQ(XRDefragStringsFile::parse("\xFE\xFF" + utf16(list, std::endian::big)), expected);
+  EXPECT_EQ(XRDefragStringsFile::parse("\xFF\xFE" + utf16(list, std::endian::little)), expected);
+  EXPECT_EQ(XRDefragStringsFile::parse("\xEF\xBB\xBF" + xml("<dict><key>No device specified.</key>"
+                                                            "<string>Ger\xC3\xA4t "
+                                                            "\xF0\x9F\x98\x80?</string></dict>")),
+            expected);
+}
+
+TEST(XRDefragStringsFile, UTF16WithHalfACharacterIsRefused) {
+  const std::u16string before = u"<plist version=\"1.0\"><dict><key>a</key><string>";
+  const std::u16string after = u"</string></dict></plist>";
+  const auto parse = [](const std::u16string& list) {
+    return XRDefragStringsFile::parse("\xFE\xFF" + utf16(list, std::endian::big));
+  };
+  EXPECT_EQ(parse(before + u"b" + after), (Map{{"a", "b"}}));
+  EXPECT_FALSE(parse(before + char16_t{0xD83D} + after));
+  EXPECT_FALSE(parse(before + char16_t{0xDE00} + after));
+  EXPECT_FALSE(XRDefragStringsFile::parse("\xFE\xFF" +
+                                          utf16(before + u"b" + after, std::endian::big) + "\n"));
 }
 
 TEST(XRDefragStringsFile, NulCharactersAreRefusedWhereTheyStopTheLibrary) {
