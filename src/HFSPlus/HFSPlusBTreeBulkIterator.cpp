@@ -21,12 +21,12 @@ Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> HFSPlusBTreeBulkIterator::open
   return iterator;
 }
 
-// Chunks hold whole bytes of the map. The buffers stay uninitialised until they are read into.
+// Chunks hold whole bytes of the map.
 HFSPlusBTreeBulkIterator::HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree)
     : _btree(btree),
       _nodesPerBuffer(((btree.nodeSize() - 1 + kChunkBytes) / btree.nodeSize() + 7) / 8 * 8),
       _bufferSize(uint64_t{btree.nodeSize()} * _nodesPerBuffer),
-      _bufferData(new(std::nothrow) std::byte[_bufferSize]),
+      _bufferData(PlatformAllocatePages(_bufferSize)),
       _mapSize((uint64_t{btree.nodeCount()} + 7) / 8),
       _mapData(new(std::nothrow) std::byte[_mapSize]) {}
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "HFSPlus/HFSPlusBTreeFile.hpp"
+#include "Platform/PlatformPages.hpp"
 
 /// Visits every node in use of a tree in ascending order, reading the file a mebibyte at a time.
 ///
@@ -40,7 +41,7 @@ class HFSPlusBTreeBulkIterator {
   bool _bufferValid = false;
   uint64_t _bufferWrittenNodes = 0;  // the tree's writtenNodes() when the chunk was read
   uint64_t _bufferSize;              // bytes
-  std::unique_ptr<std::byte[]> _bufferData;
+  PlatformPages _bufferData;
   uint64_t _mapSize;  // bytes
   std::unique_ptr<std::byte[]> _mapData;
 };

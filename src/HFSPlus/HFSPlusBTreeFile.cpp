@@ -51,7 +51,7 @@ HFSPlusBTreeFile::~HFSPlusBTreeFile() {
 // Opening
 
 Result<> HFSPlusBTreeFile::openBTree() {
-  _hostHeaderRec = TRY(_readHeader());
+  TRY(_loadHeader());
   setNodeCacheSize(kDefaultNodeCacheBytes);
   return _loadMapRecords();
 }
@@ -64,8 +64,14 @@ Result<> HFSPlusBTreeFile::discardChanges() {
   BTHeaderRec none{};
   none.nodeSize = _hostHeaderRec.nodeSize;
   _hostHeaderRec = none;
-  _hostHeaderRec = TRY(_readHeader());
+  TRY(_loadHeader());
   return _loadMapRecords();
+}
+
+Result<> HFSPlusBTreeFile::_loadHeader() {
+  _hostHeaderRec = TRY(_readHeader());
+  _nodeImages = std::make_unique<HFSPlusBTreeNodeImages>(nodeSize());
+  return {};
 }
 
 Result<BTHeaderRec> HFSPlusBTreeFile::_readHeader() const {
@@ -176,7 +182,7 @@ Result<std::unique_ptr<HFSPlusBTreeNode>> HFSPlusBTreeFile::_blankNode(uint32_t 
   }
   std::unique_ptr<HFSPlusBTreeNode> node = _nodeCache.takeSpare();
   if (!node) {
-    node = HFSPlusBTreeNode::create(*this, nodeSize());
+    node = HFSPlusBTreeNode::create(*this, *_nodeImages);
   }
   if (!node) {
     return std::unexpected(XRDefragError::localized("Out of memory."));

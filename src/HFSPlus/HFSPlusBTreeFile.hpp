@@ -114,6 +114,7 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   [[nodiscard]] Result<> readNode(uint32_t index, std::span<std::byte> image) const;
   [[nodiscard]] Result<> writeNode(uint32_t index, std::span<const std::byte> image) override;
 
+  [[nodiscard]] Result<> _loadHeader();
   [[nodiscard]] Result<BTHeaderRec> _readHeader() const;
   [[nodiscard]] Result<> _loadMapRecords();
   [[nodiscard]] Result<> _updateHeaderAndMapRecords();
@@ -124,6 +125,7 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> _mapNode(uint32_t index);
 
   BTHeaderRec _hostHeaderRec{};
+  std::unique_ptr<HFSPlusBTreeNodeImages> _nodeImages;
   HFSPlusBTreeNodeCache _nodeCache;
   std::vector<std::byte> _freeNodeMap;
   bool _updated = false;  // header record or map differ from the nodes that hold them

@@ -22,13 +22,13 @@ std::unexpected<XRDefragError> internalError(uint32_t check) {
 }  // namespace
 
 std::unique_ptr<HFSPlusBTreeNode> HFSPlusBTreeNode::create(HFSPlusBTreeNodeOwner& btree,
-                                                           uint32_t size) {
-  std::unique_ptr<std::byte[]> data(new (std::nothrow) std::byte[size]);
+                                                           HFSPlusBTreeNodeImages& images) {
+  HFSPlusBTreeNodeImages::Image data = images.take();
   if (!data) {
     return nullptr;
   }
-  return std::unique_ptr<HFSPlusBTreeNode>(new (std::nothrow)
-                                               HFSPlusBTreeNode(btree, size, std::move(data)));
+  return std::unique_ptr<HFSPlusBTreeNode>(
+      new (std::nothrow) HFSPlusBTreeNode(btree, images.imageSize(), std::move(data)));
 }
 
 uint32_t HFSPlusBTreeNode::freeSpace() const {

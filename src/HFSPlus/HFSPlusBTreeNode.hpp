@@ -5,6 +5,7 @@
 #include <memory>
 #include <span>
 
+#include "HFSPlus/HFSPlusBTreeNodeImages.hpp"
 #include "HFSPlus/HFSPlusByteOrder.hpp"
 #include "HFSPlus/HFSPlusFormat.hpp"
 #include "XRDefragError.hpp"
@@ -31,9 +32,10 @@ class HFSPlusBTreeNodeOwner {
 /// image, and asking for any other is a programming error. Nodes live in their tree's node cache.
 class HFSPlusBTreeNode {
  public:
-  /// A node without content, or nothing when memory is short. `size` in bytes, 512...32768.
+  /// A node of no particular content, or nothing when memory is short. Its image goes back to
+  /// `images`, which must outlive it.
   [[nodiscard]] static std::unique_ptr<HFSPlusBTreeNode> create(HFSPlusBTreeNodeOwner& btree,
-                                                                uint32_t size);
+                                                                HFSPlusBTreeNodeImages& images);
   HFSPlusBTreeNode(const HFSPlusBTreeNode&) = delete;
   HFSPlusBTreeNode& operator=(const HFSPlusBTreeNode&) = delete;
 
@@ -107,7 +109,7 @@ class HFSPlusBTreeNode {
   friend class HFSPlusBTreeNodeCache;
   friend class HFSPlusBTreeFile;
 
-  HFSPlusBTreeNode(HFSPlusBTreeNodeOwner& btree, uint32_t size, std::unique_ptr<std::byte[]> data)
+  HFSPlusBTreeNode(HFSPlusBTreeNodeOwner& btree, uint32_t size, HFSPlusBTreeNodeImages::Image data)
       : _btree(btree), _size(size), _data(std::move(data)) {}
 
   std::byte* offsetEntry(uint32_t entry) { return &_data[_size - 2 * (entry + 1)]; }
@@ -124,7 +126,7 @@ class HFSPlusBTreeNode {
   HFSPlusBTreeNodeOwner& _btree;
   uint32_t _index = 0;
   uint32_t _size;
-  std::unique_ptr<std::byte[]> _data;
+  HFSPlusBTreeNodeImages::Image _data;
   bool _dirty = false;
 };
 

@@ -47,7 +47,7 @@ std::vector<std::byte> record(uint8_t number, size_t size = 20) {
 
 class HFSPlusBTreeNodeTest : public testing::Test {
  protected:
-  HFSPlusBTreeNodeTest() : node(HFSPlusBTreeNode::create(owner, kSize)) {
+  HFSPlusBTreeNodeTest() : node(HFSPlusBTreeNode::create(owner, images)) {
     node->setupNewNode(kBTIndexNode);
   }
 
@@ -81,6 +81,7 @@ class HFSPlusBTreeNodeTest : public testing::Test {
   }
 
   RecordingOwner owner;
+  HFSPlusBTreeNodeImages images{kSize};
   std::unique_ptr<HFSPlusBTreeNode> node;
 };
 
