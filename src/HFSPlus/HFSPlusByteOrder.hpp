@@ -16,6 +16,12 @@ struct DiskOrder {
   friend bool operator==(const DiskOrder&, const DiskOrder&) = default;
 };
 
+/// A structure inside another one, where it lies.
+template <typename Part, typename Whole>
+[[nodiscard]] inline const DiskOrder<Part>& partOf(const DiskOrder<Whole>& whole, size_t offset) {
+  return reinterpret_cast<const DiskOrder<Part>&>(whole.bytes[offset]);
+}
+
 /// A big-endian integer at an unaligned address.
 template <typename T>
 [[nodiscard]] inline T readBigEndian(const std::byte* bytes) {

@@ -9,7 +9,8 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr char kEscapedNUL[] = "\\xC0\\x80";
-constexpr size_t kEscapedNULBytes = sizeof kEscapedNUL - 1;
+constexpr size_t kEscapedNULBytes = sizeof kEscapedNUL - 1;  // no other unit takes as many
+constexpr size_t kUTF8BytesPerUnit = 3;
 
 /// Writes the two to four bytes of a character beyond ASCII; answers where they end.
 char* putUTF8(char* out, char32_t character) {
@@ -63,44 +64,40 @@ char* putOutputSafe(char* out, char character) {
 }
 
 template <bool outputSafe>
-void appendName(std::string& text, std::span<const std::byte> units) {
-  // A unit takes at most three bytes, an escaped one eight.
-  const size_t bytesPerUnit = outputSafe ? kEscapedNULBytes : 3;
-  const size_t before = text.size();
+char* putName(char* out, std::span<const std::byte> units) {
   const std::byte* unit = units.data();
   const std::byte* const end = unit + units.size() / 2 * 2;
-  text.resize_and_overwrite(before + units.size() / 2 * bytesPerUnit, [&](char* start, size_t) {
-    char* out = start + before;
-    while (unit != end) {
-      const auto value = readBigEndian<uint16_t>(unit);
-      if (value >= 0x80) {
-        out = putUTF8(out, takeCharacter(unit, end));
-        continue;
-      }
-      unit += 2;
-      const char character = value == '/' ? ':' : static_cast<char>(value);
-      if constexpr (outputSafe) {
-        out = putOutputSafe(out, character);
-      } else {
-        *out++ = character;
-      }
+  while (unit != end) {
+    const auto value = readBigEndian<uint16_t>(unit);
+    if (value >= 0x80) {
+      out = putUTF8(out, takeCharacter(unit, end));
+      continue;
     }
-    return static_cast<size_t>(out - start);
-  });
+    unit += 2;
+    const char character = value == '/' ? ':' : static_cast<char>(value);
+    if constexpr (outputSafe) {
+      out = putOutputSafe(out, character);
+    } else {
+      *out++ = character;
+    }
+  }
+  return out;
 }
 
 }  // namespace
 
 std::string HFSPlusNameString(std::span<const std::byte> units) {
   std::string text;
-  HFSPlusAppendName(text, units);
+  text.resize_and_overwrite(units.size() / 2 * kUTF8BytesPerUnit, [units](char* out, size_t) {
+    return static_cast<size_t>(putName<false>(out, units) - out);
+  });
   return text;
 }
 
-void HFSPlusAppendName(std::string& text, std::span<const std::byte> units) {
-  appendName<false>(text, units);
+size_t HFSPlusOutputSafeNameMaxBytes(std::span<const std::byte> units) {
+  return units.size() / 2 * kEscapedNULBytes;
 }
 
-void HFSPlusAppendOutputSafeName(std::string& text, std::span<const std::byte> units) {
-  appendName<true>(text, units);
+char* HFSPlusPutOutputSafeName(char* out, std::span<const std::byte> units) {
+  return putName<true>(out, units);
 }

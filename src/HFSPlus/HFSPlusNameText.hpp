@@ -11,9 +11,9 @@
 /// The name in UTF-8.
 [[nodiscard]] std::string HFSPlusNameString(std::span<const std::byte> units);
 
-/// Appends the name in UTF-8.
-void HFSPlusAppendName(std::string& text, std::span<const std::byte> units);
+/// Writes the name in UTF-8, escaped for a report line: the same bytes as
+/// outputSafeString(HFSPlusNameString(units)), in one pass; answers where it ends.
+[[nodiscard]] char* HFSPlusPutOutputSafeName(char* out, std::span<const std::byte> units);
 
-/// Appends the name in UTF-8, escaped for a report line: the same bytes as
-/// outputSafeString(HFSPlusNameString(units)), in one pass.
-void HFSPlusAppendOutputSafeName(std::string& text, std::span<const std::byte> units);
+/// Bytes that this takes at most.
+[[nodiscard]] size_t HFSPlusOutputSafeNameMaxBytes(std::span<const std::byte> units);

@@ -43,39 +43,20 @@ Result<> HFSPlusFragInfoTask::_scan() {
 
 Result<> HFSPlusFragInfoTask::scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                                               const HFSPlusCatalogKeyView&) {
-  const std::byte* record = file.bytes.data();
-  TRY(_countFork(record + offsetof(HFSPlusCatalogFile, dataFork), file, kHFSDataForkType));
-  return _countFork(record + offsetof(HFSPlusCatalogFile, resourceFork), file,
-                    kHFSResourceForkType);
+  const auto fileID = readBigEndian<uint32_t>(&file.bytes[offsetof(HFSPlusCatalogFile, fileID)]);
+  TRY(_countFork(partOf<HFSPlusForkData>(file, offsetof(HFSPlusCatalogFile, dataFork)), fileID,
+                 kHFSDataForkType));
+  return _countFork(partOf<HFSPlusForkData>(file, offsetof(HFSPlusCatalogFile, resourceFork)),
+                    fileID, kHFSResourceForkType);
 }
 
-Result<> HFSPlusFragInfoTask::_countFork(const std::byte* fork,
-                                         const DiskOrder<HFSPlusCatalogFile>& file,
+Result<> HFSPlusFragInfoTask::_countFork(const DiskOrder<HFSPlusForkData>& fork, uint32_t fileID,
                                          uint8_t forkType) {
-  // Nearly all forks end within the record: their numbers are read where they lie.
-  const auto totalBlocks = readBigEndian<uint32_t>(fork + offsetof(HFSPlusForkData, totalBlocks));
-  const std::byte* extent = fork + offsetof(HFSPlusForkData, extents);
   ForkCount count;
-  uint64_t seen = 0;
-  for (size_t index = 0; index < kHFSPlusExtentDensity; index++, extent += 8) {
-    const auto startBlock = readBigEndian<uint32_t>(extent);
-    const auto blockCount = readBigEndian<uint32_t>(extent + 4);
-    if (startBlock != 0 && blockCount != 0) {
-      seen += blockCount;
-      _countExtent(count, startBlock, blockCount);
-    }
-  }
-  if (seen < totalBlocks) {
-    DiskOrder<HFSPlusForkData> disk;
-    std::memcpy(&disk, fork, sizeof disk);
-    const auto fileID =
-        readBigEndian<uint32_t>(file.bytes.data() + offsetof(HFSPlusCatalogFile, fileID));
-    count = {};
-    TRY(HFSPlusWalkForkExtents(_hfsPlusVolume.extents(), toHost(disk), fileID, forkType,
-                               [&](const HFSPlusExtentDescriptor& found) {
-                                 _countExtent(count, found.startBlock, found.blockCount);
-                               }));
-  }
+  TRY(HFSPlusWalkForkExtents(_hfsPlusVolume.extents(), fork, fileID, forkType,
+                             [&](const HFSPlusExtentDescriptor& extent) {
+                               _countExtent(count, extent.startBlock, extent.blockCount);
+                             }));
   _totalBlocks += count.blocks;
   if (count.extents > 1) {
     _fragmentedBlocks += count.blocks;

@@ -29,8 +29,7 @@ class HFSPlusFragInfoTask : public XRDefragTask, private HFSPlusCatalogScanDeleg
   Result<> _scan();
   Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                            const HFSPlusCatalogKeyView& key) override;
-  Result<> _countFork(const std::byte* fork, const DiskOrder<HFSPlusCatalogFile>& file,
-                      uint8_t forkType);
+  Result<> _countFork(const DiskOrder<HFSPlusForkData>& fork, uint32_t fileID, uint8_t forkType);
   void _countExtent(ForkCount& count, uint32_t startBlock, uint32_t blockCount) const;
 
   HFSPlusVolume& _hfsPlusVolume;

@@ -1,20 +1,28 @@
 #include "Tasks/HFSPlusReportLines.hpp"
 
-#include <array>
-#include <charconv>
-#include <cstring>
-#include <utility>
-
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkWalk.hpp"
 #include "HFSPlus/HFSPlusNameText.hpp"
+#include "LWKit/LWDigits.hpp"
 #include "XRDefragReport.hpp"
 
 namespace {
 
 constexpr size_t kHandOverBytes = 64U << 10;
-constexpr size_t kNumberBytes = 20;  // "-9223372036854775808"
+constexpr size_t kNumberFieldBytes = 1 + kLWDecimalBytes;
+constexpr size_t kHexadecimalFieldBytes = 1 + kLWHexadecimalBytes;
 constexpr uint32_t kSecondsFrom1904To1970 = 2082844800;
+
+template <typename Number>
+char* putNumberField(char* out, Number number) {
+  *out++ = ',';
+  return LWPutDecimal(out, number);
+}
+
+char* putHexadecimalField(char* out, uint32_t number) {
+  *out++ = ',';
+  return LWPutHexadecimal(out, number);
+}
 
 int64_t dateSince1970(uint32_t date, HFSPlusReportLines::DateWidth width) {
   return width == HFSPlusReportLines::DateWidth::Bits64
@@ -22,72 +30,71 @@ int64_t dateSince1970(uint32_t date, HFSPlusReportLines::DateWidth width) {
              : static_cast<int32_t>(date - kSecondsFrom1904To1970);
 }
 
-/// Whether the fork has neither blocks nor extents, as most resource forks.
-bool isEmpty(const DiskOrder<HFSPlusForkData>& fork) {
-  constexpr size_t kFirst = offsetof(HFSPlusForkData, totalBlocks);
-  static constexpr std::array<std::byte, sizeof(HFSPlusForkData) - kFirst> kZeros{};
-  return std::memcmp(fork.bytes.data() + kFirst, kZeros.data(), kZeros.size()) == 0;
-}
-
 }  // namespace
 
-HFSPlusReportLines::HFSPlusReportLines(XRDefragReport& report) : _report(report) {
-  _text.reserve(2 * kHandOverBytes);
-}
+HFSPlusReportLines::HFSPlusReportLines(XRDefragReport& report)
+    : _report(report), _text(2 * kHandOverBytes) {}
 
 void HFSPlusReportLines::beginLine(std::string_view taskName, std::string_view kind,
                                    uint32_t parentID, uint32_t itemID) {
-  _text += taskName;
-  _text += ',';
-  _text += kind;
-  _text += ',';
-  _appendNumber(parentID);
-  _text += ',';
-  _appendNumber(itemID);
-  _text += ',';
+  const size_t most = taskName.size() + 1 + kind.size() + 2 * kNumberFieldBytes + 1;
+  _text.append(most, [&](char* out) {
+    out = LWTextBuffer::put(out, taskName);
+    *out++ = ',';
+    out = LWTextBuffer::put(out, kind);
+    out = putNumberField(out, parentID);
+    out = putNumberField(out, itemID);
+    *out++ = ',';
+    return out;
+  });
 }
 
 void HFSPlusReportLines::appendName(std::span<const std::byte> nameUnits) {
-  HFSPlusAppendOutputSafeName(_text, nameUnits);
+  _text.append(HFSPlusOutputSafeNameMaxBytes(nameUnits),
+               [nameUnits](char* out) { return HFSPlusPutOutputSafeName(out, nameUnits); });
 }
 
 void HFSPlusReportLines::appendFileInfo(const FileInfo& info, DateWidth width) {
-  for (const uint32_t date : {info.createDate, info.contentModDate, info.accessDate}) {
-    _text += ',';
-    _appendNumber(dateSince1970(date, width));
-  }
-  _appendHexadecimal(info.fdType);
-  _appendHexadecimal(info.fdCreator);
+  _text.append(3 * kNumberFieldBytes + 2 * kHexadecimalFieldBytes, [&](char* out) {
+    out = putNumberField(out, dateSince1970(info.createDate, width));
+    out = putNumberField(out, dateSince1970(info.contentModDate, width));
+    out = putNumberField(out, dateSince1970(info.accessDate, width));
+    out = putHexadecimalField(out, info.fdType);
+    return putHexadecimalField(out, info.fdCreator);
+  });
 }
 
-Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents& extents, const HFSPlusForkData& host,
+template <typename Fork>
+Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents& extents, const Fork& fork,
                                                uint32_t fileID, uint8_t forkType) {
-  return HFSPlusWalkForkExtents(extents, host, fileID, forkType,
+  return HFSPlusWalkForkExtents(extents, fork, fileID, forkType,
                                 [this](const HFSPlusExtentDescriptor& extent) {
-                                  _text += ',';
-                                  _appendNumber(extent.startBlock);
-                                  _text += ',';
-                                  _appendNumber(extent.blockCount);
+                                  _text.append(2 * kNumberFieldBytes, [&extent](char* out) {
+                                    out = putNumberField(out, extent.startBlock);
+                                    return putNumberField(out, extent.blockCount);
+                                  });
                                 });
 }
+
+template Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents&, const HFSPlusForkData&,
+                                                        uint32_t, uint8_t);
+template Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents&,
+                                                        const DiskOrder<HFSPlusForkData>&, uint32_t,
+                                                        uint8_t);
 
 Result<> HFSPlusReportLines::appendForksOfFile(HFSPlusExtents& extents,
                                                const DiskOrder<HFSPlusCatalogFile>& file,
                                                uint32_t fileID) {
-  for (const auto& [offset, forkType] :
-       {std::pair{offsetof(HFSPlusCatalogFile, dataFork), kHFSDataForkType},
-        std::pair{offsetof(HFSPlusCatalogFile, resourceFork), kHFSResourceForkType}}) {
-    DiskOrder<HFSPlusForkData> fork;
-    std::memcpy(&fork, file.bytes.data() + offset, sizeof fork);
-    if (!isEmpty(fork)) {
-      TRY(appendForkExtents(extents, toHost(fork), fileID, forkType));
-    }
-  }
-  return {};
+  TRY(appendForkExtents(extents,
+                        partOf<HFSPlusForkData>(file, offsetof(HFSPlusCatalogFile, dataFork)),
+                        fileID, kHFSDataForkType));
+  return appendForkExtents(
+      extents, partOf<HFSPlusForkData>(file, offsetof(HFSPlusCatalogFile, resourceFork)), fileID,
+      kHFSResourceForkType);
 }
 
 void HFSPlusReportLines::endLine() {
-  _text += '\n';
+  _text.append("\n");
   if (_text.size() >= kHandOverBytes) {
     handOver();
   }
@@ -95,23 +102,7 @@ void HFSPlusReportLines::endLine() {
 
 void HFSPlusReportLines::handOver() {
   if (!_text.empty()) {
-    _report.print(_text);
+    _report.print(_text.text());
     _text.clear();
   }
-}
-
-void HFSPlusReportLines::_appendNumber(int64_t value) {
-  const size_t before = _text.size();
-  _text.resize_and_overwrite(before + kNumberBytes, [&](char* start, size_t size) {
-    return static_cast<size_t>(std::to_chars(start + before, start + size, value).ptr - start);
-  });
-}
-
-void HFSPlusReportLines::_appendHexadecimal(uint32_t value) {
-  std::array<char, 9> field{','};
-  for (size_t digit = 8; digit > 0; digit--) {
-    field[digit] = "0123456789ABCDEF"[value & 0xF];
-    value >>= 4;
-  }
-  _text.append(field.data(), field.size());
 }

@@ -3,10 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
 #include <string_view>
 
 #include "HFSPlus/HFSPlusByteOrder.hpp"
+#include "HFSPlus/HFSPlusFormat.hpp"
+#include "LWKit/LWTextBuffer.hpp"
 #include "XRDefragError.hpp"
 
 class HFSPlusExtents;
@@ -39,14 +40,15 @@ class HFSPlusReportLines {
   void beginLine(std::string_view taskName, std::string_view kind, uint32_t parentID,
                  uint32_t itemID);
   /// Appends text as it is; the caller has escaped it.
-  void appendText(std::string_view text) { _text += text; }
+  void appendText(std::string_view text) { _text.append(text); }
   /// Appends a name from disk (big-endian units), escaped.
   void appendName(std::span<const std::byte> nameUnits);
   /// Appends ",date,date,date,type,creator".
   void appendFileInfo(const FileInfo& info, DateWidth width);
-  /// Appends ",start,count" for every extent of a fork in the fork's order. An error of the
-  /// overflow file leaves the line with what was found until then.
-  [[nodiscard]] Result<> appendForkExtents(HFSPlusExtents& extents, const HFSPlusForkData& host,
+  /// Appends ",start,count" for every extent of a fork, in host or disk order, in the fork's order.
+  /// An error of the overflow file leaves the line with what was found until then.
+  template <typename Fork>
+  [[nodiscard]] Result<> appendForkExtents(HFSPlusExtents& extents, const Fork& fork,
                                            uint32_t fileID, uint8_t forkType);
   /// appendForkExtents() for the data and then the resource fork of a file record in disk order.
   [[nodiscard]] Result<> appendForksOfFile(HFSPlusExtents& extents,
@@ -59,9 +61,6 @@ class HFSPlusReportLines {
   void handOver();
 
  private:
-  void _appendNumber(int64_t value);
-  void _appendHexadecimal(uint32_t value);
-
   XRDefragReport& _report;
-  std::string _text;
+  LWTextBuffer _text;
 };

@@ -32,11 +32,21 @@ class HFSPlusForkWalkTest : public testing::Test {
   static HFSPlusForkData fork(uint32_t totalBlocks, const HFSPlusExtentRecord& record) {
     return {.logicalSize = 0, .clumpSize = 0, .totalBlocks = totalBlocks, .extents = record};
   }
+  /// Walks the fork in host order; in disk order it must come to the same.
   std::string walk(const HFSPlusForkData& host, uint8_t forkType = 0) {
-    seen.clear();
-    return messageOf(HFSPlusWalkForkExtents(
-        *extents, host, kFile, forkType,
-        [this](const HFSPlusExtentDescriptor& extent) { seen.push_back(extent); }));
+    std::string messages[2];
+    Extents found[2];
+    const auto visitInto = [](Extents& into) {
+      return [&into](const HFSPlusExtentDescriptor& extent) { into.push_back(extent); };
+    };
+    messages[0] =
+        messageOf(HFSPlusWalkForkExtents(*extents, host, kFile, forkType, visitInto(found[0])));
+    messages[1] = messageOf(
+        HFSPlusWalkForkExtents(*extents, toDisk(host), kFile, forkType, visitInto(found[1])));
+    EXPECT_EQ(messages[0], messages[1]);
+    EXPECT_EQ(found[0], found[1]);
+    seen = found[0];
+    return messages[0];
   }
   static Extents joined(std::initializer_list<HFSPlusExtentRecord> records) {
     Extents all;
