@@ -66,9 +66,10 @@ uint64_t runLength(std::span<const std::byte> bitmap, uint64_t first, uint64_t c
   return count;
 }
 
-constexpr uint64_t kWordsAtOnce = 32;
+constexpr uint64_t kWordsAtOnce = 16;
 
-/// Whether kWordsAtOnce words are all zero.
+/// Whether kWordsAtOnce words are all zero: free space comes in long stretches, which are passed
+/// that many words at a time.
 bool isZero(const std::byte* bytes) {
   uint64_t bits = 0;
   for (uint64_t word = 0; word < kWordsAtOnce; ++word) {
@@ -85,6 +86,11 @@ uint64_t countWholeWords(const std::byte* bytes, uint64_t words) {
   constexpr uint64_t kWordsABatch = 31;  // 31 words give a byte at most 248
   uint64_t total = 0;
   while (words > 0) {
+    if (words >= kWordsAtOnce && isZero(bytes)) {
+      bytes += kWordsAtOnce * kWordBytes;
+      words -= kWordsAtOnce;
+      continue;
+    }
     uint64_t batch = std::min(words, kWordsABatch);
     uint64_t sums = 0;
     for (uint64_t word = 0; word < batch; ++word) {
@@ -158,7 +164,6 @@ std::optional<uint64_t> HFSPlusLastSetBit(std::span<const std::byte> bitmap, uin
     if (bits != 0) {
       return words * kWordBits + (kWordBits - 1) - static_cast<uint64_t>(std::countr_zero(bits));
     }
-    // Free space comes in long stretches, which are passed many words at a time.
     while (words >= kWordsAtOnce && isZero(&bitmap[(words - kWordsAtOnce) * kWordBytes])) {
       words -= kWordsAtOnce;
     }
