@@ -32,7 +32,7 @@ void applyTorn(const RecordingDevice::Record& write, std::vector<std::byte>& ima
 
 void PowerCut::advanceTo(size_t point) {
   for (; _point < point; ++_point) {
-    if (_changes[_point].call != RecordingDevice::Call::Sync) {
+    if (_changes[_point].call != RecordingDevice::Call::Sync || _point == _lie) {
       continue;
     }
     for (; _firstUnsynced < _point; ++_firstUnsynced) {
@@ -44,13 +44,14 @@ void PowerCut::advanceTo(size_t point) {
   }
 }
 
-std::vector<std::byte> PowerCut::image(Unsynced unsynced, uint64_t seed) const {
+std::vector<std::byte> PowerCut::image(Unsynced beforeLie, Unsynced sinceLie, uint64_t seed) const {
   std::vector<std::byte> image = _stable;
   std::mt19937_64 random(seed);
-  for (size_t i = _firstUnsynced; i < _point && unsynced != Unsynced::Lost; ++i) {
+  for (size_t i = _firstUnsynced; i < _point; ++i) {
+    const Unsynced unsynced = i < _lie ? beforeLie : sinceLie;
     if (unsynced == Unsynced::Kept) {
       applyWhole(_changes[i], image);
-    } else {
+    } else if (unsynced == Unsynced::Torn) {
       applyTorn(_changes[i], image, random);
     }
   }

@@ -36,14 +36,23 @@ class PowerCut {
   /// Moves on to a point that is not before the one at hand.
   void advanceTo(size_t point);
 
+  /// Makes the sync at a record, which lies ahead, one that only says it was done: what was written
+  /// before it stays open until the next one.
+  void lieAbout(size_t sync) { _lie = sync; }
+
   /// The device's bytes after a cut at the point at hand. The seed decides what is torn.
-  std::vector<std::byte> image(Unsynced unsynced, uint64_t seed = 0) const;
+  std::vector<std::byte> image(Unsynced unsynced, uint64_t seed = 0) const {
+    return image(unsynced, unsynced, seed);
+  }
+  /// The same with one fate for what was written before the lie, and another for what came then.
+  std::vector<std::byte> image(Unsynced beforeLie, Unsynced sinceLie, uint64_t seed) const;
 
  private:
   std::vector<std::byte> _stable;
   std::vector<RecordingDevice::Record> _changes;
   size_t _point = 0;
   size_t _firstUnsynced = 0;
+  size_t _lie = SIZE_MAX;
 };
 
 }  // namespace doubles

@@ -50,16 +50,6 @@ bool hasProfiles(const volumecheck::VolumeTruth& truth) {
   return truth.findItem("/Applications") || truth.findItem("/private/var/db/BootCache.playlist");
 }
 
-/// A zone that holds the extents file only in part may leave it in too many pieces to be moved.
-RewritingRun::ExtentsFile extentsFileRule(const RewritingRun& run, uint32_t fillPercent,
-                                          const RewritingRun::Limits& limits) {
-  const volumecheck::Fork& fork =
-      *run.truthBefore().findFork(kHFSExtentsFileID, volumecheck::ForkType::Data);
-  const bool mayStay = fillPercent > 50 || fork.extents.size() > 4 ||
-                       (limits.copyBufferBlocks != 0 && limits.copyBufferBlocks < fork.totalBlocks);
-  return mayStay ? RewritingRun::ExtentsFile::MayStay : RewritingRun::ExtentsFile::Moves;
-}
-
 class RandomRewriting : public testing::TestWithParam<uint32_t> {};
 
 void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
@@ -85,7 +75,7 @@ void rewrite(const char* command, uint64_t seed, uint32_t fillPercent) {
   EXPECT_EQ(lines.back(), std::string(command) + ",DONE");
   EXPECT_EQ(useProfiles ? run.faultsBesidesEmptiedPlaylist() : run.faults(), "");
   if (error.empty()) {
-    const auto extentsFile = extentsFileRule(run, fillPercent, limits);
+    const auto extentsFile = run.extentsFileRule(fillPercent, limits);
     EXPECT_EQ(defrag ? run.scatteredForks(extentsFile) : run.dataAboveFreeSpace(extentsFile), "");
   }
 }
@@ -133,7 +123,7 @@ void rewriteWithProfiles(uint64_t seed) {
   EXPECT_EQ(lines.back(), "DEFRAG,DONE");
   EXPECT_EQ(run.faultsBesidesEmptiedPlaylist(), "");
   if (error.empty()) {
-    const auto extentsFile = extentsFileRule(run, fillPercent, limits);
+    const auto extentsFile = run.extentsFileRule(fillPercent, limits);
     EXPECT_EQ(run.firstForkOutOfOrder(order, extentsFile), "");
     EXPECT_EQ(run.scatteredForks(extentsFile), "");
   }

@@ -187,6 +187,15 @@ std::string RewritingRun::faultsIn(const std::vector<std::byte>& image) const {
   return faults;
 }
 
+// A zone that holds the file only in part may leave it in too many pieces to be moved.
+auto RewritingRun::extentsFileRule(uint32_t fillPercent, const Limits& limits) const
+    -> ExtentsFile {
+  const Fork& fork = *truthBefore().findFork(volumecheck::kExtentsFileID, ForkType::Data);
+  const bool mayStay = fillPercent > 50 || fork.extents.size() > 4 ||
+                       (limits.copyBufferBlocks != 0 && limits.copyBufferBlocks < fork.totalBlocks);
+  return mayStay ? ExtentsFile::MayStay : ExtentsFile::Moves;
+}
+
 std::string RewritingRun::scatteredForks(ExtentsFile extentsFile) {
   const VolumeTruth after = truth();
   const std::vector<bool> immovable = immovableBlocks(after, moves(extentsFile));

@@ -75,6 +75,8 @@ class RewritingRun {
   /// Whether the extents file counts as movable. It cannot always be moved on a volume that is
   /// nearly full: it must never be in more than eight pieces.
   enum class ExtentsFile { Moves, MayStay };
+  /// What to expect of a run with these limits on the volume as it was built.
+  ExtentsFile extentsFileRule(uint32_t fillPercent, const Limits& limits) const;
 
   /// Forks in more than one piece although nothing immovable separates the pieces; the special
   /// files included. One line each.

@@ -121,16 +121,6 @@ class SweptVolume {
   uint64_t _used = 0;
 };
 
-/// A zone that holds the extents file only in part may leave it in too many pieces to be moved, and
-/// so may a volume that is nearly full.
-RewritingRun::ExtentsFile extentsFileRule(const RewritingRun& run, uint64_t bufferBlocks,
-                                          uint32_t fillPercent) {
-  const auto& file = *run.truthBefore().findFork(kHFSExtentsFileID, volumecheck::ForkType::Data);
-  return fillPercent > kMostRoomyFill || bufferBlocks < file.totalBlocks
-             ? RewritingRun::ExtentsFile::MayStay
-             : RewritingRun::ExtentsFile::Moves;
-}
-
 /// What of a line's promise does not hold; empty if nothing.
 std::string brokenPromise(RewritingRun& run, const std::string& line, const Forks& order,
                           RewritingRun::ExtentsFile extentsFile) {
@@ -170,14 +160,15 @@ class Sweep : public testing::TestWithParam<uint32_t> {
                uint32_t fillPercent) {
     const auto before = fillPercent > kMostRoomyFill ? placesIn(run.truth()) : Places();
     const auto order = line.contains("boot") ? run.placementOrder() : Forks();
-    const auto report = run.run(line, {.copyBufferBlocks = bufferBlocks});
+    const RewritingRun::Limits limits{.copyBufferBlocks = bufferBlocks};
+    const auto report = run.run(line, limits);
     const std::string error = RewritingRun::errorIn(report);
     EXPECT_EQ(report.back(), line.substr(0, line.find(' ')) + ",DONE");
     _playlistIsEmptied = _playlistIsEmptied || line.contains("boot");
     EXPECT_EQ(_playlistIsEmptied ? run.faultsBesidesEmptiedPlaylist() : run.faults(), "");
     if (error.empty()) {
       ++_completed;
-      const auto extentsFile = extentsFileRule(run, bufferBlocks, fillPercent);
+      const auto extentsFile = run.extentsFileRule(fillPercent, limits);
       EXPECT_EQ(brokenPromise(run, line, order, extentsFile), "");
       return;
     }
