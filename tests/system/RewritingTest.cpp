@@ -16,6 +16,7 @@
 #include "support/SeededRandom.hpp"
 #include "support/VolumeBuilder.hpp"
 #include "support/VolumeChecker.hpp"
+#include "support/VolumePresets.hpp"
 #include "support/doubles/LoopDevice.hpp"
 #include "support/doubles/TestRandom.hpp"
 #include "system/ProgramRunner.hpp"
@@ -172,6 +173,50 @@ TEST_F(Rewriting, AKilledRunIsBroughtToAnEndByStartingAgain) {
   EXPECT_GT(interrupted, 0);
   RecordProperty("killed in mid-run", interrupted);
   RecordProperty("on loop devices", onLoopDevices);
+}
+
+// How soon a run ends is held against its work elsewhere; this is what the whole program takes, on
+// however busy a machine.
+TEST_F(Rewriting, ACancelledRunEndsWithinSecondsAndLosesNothing) {
+  constexpr std::chrono::seconds kLongest(15);
+  const fs::path original = path("original.hfs");
+  support::PlainVolume plain;
+  plain.size = 64 << 20;
+  plain.fillPercent = 70;
+  plain.files = 400;
+  plain.fragments = 9;
+  support::buildVolume(support::plainVolume(plain), original);
+  const CheckResult before = volumecheck::checkVolumeFile(original);
+  const fs::path volume = path("volume.hfs");
+  int inMidRun = 0;
+  for (const char* ending : {"QUIT", "SIGTERM", "end of input"}) {
+    for (const char* command : {"DEFRAG", "COMPACT"}) {
+      SCOPED_TRACE(std::string(command) + " ended by " + ending);
+      fs::copy_file(original, volume, fs::copy_options::overwrite_existing);
+      ProgramRunner program({volume});
+      program.writeLine(command);
+      program.readLine();
+      while (program.readLine().value_or(",PROGRESS,").find(",PROGRESS,") == std::string::npos) {
+      }
+      const auto start = std::chrono::steady_clock::now();
+      if (ending == std::string_view("QUIT")) {
+        program.writeLine("QUIT");
+      } else if (ending == std::string_view("SIGTERM")) {
+        program.sendSignal(SIGTERM);
+      } else {
+        program.closeInput();
+      }
+      const Lines lines = program.readAll();
+      EXPECT_EQ(program.waitForExit(), 0);
+      EXPECT_LT(std::chrono::steady_clock::now() - start, kLongest);
+      EXPECT_EQ(lines.back(), std::string(command) + ",DONE");
+      expectNothingLost(volume, before, Judges::CheckerAlone);
+      // What was left to be done takes more lines than what is done already.
+      const size_t rest = run(volume, command).size();
+      inMidRun += rest > run(volume, command).size() ? 1 : 0;
+    }
+  }
+  EXPECT_GT(inMidRun, 0);
 }
 
 // Who may not write sees the volume that the interrupted run leaves once it is brought to an end.

@@ -2,22 +2,41 @@
 
 namespace doubles {
 
+void RecordingDevice::recordTransfer(Call call, std::span<const std::byte> bytes, uint64_t offset,
+                                     bool isOnce) {
+  Record record{
+      .call = call, .offset = offset, .size = bytes.size(), .bytes = {}, .isOnce = isOnce};
+  if (call == Call::Write) {
+    record.bytes.assign(bytes.begin(), bytes.end());
+  }
+  _records.push_back(std::move(record));
+}
+
 std::expected<size_t, int> RecordingDevice::readAt(std::span<std::byte> bytes, uint64_t offset) {
-  _records.push_back({.call = Call::Read, .offset = offset, .size = bytes.size(), .bytes = {}});
+  recordTransfer(Call::Read, bytes, offset, false);
   return _device->readAt(bytes, offset);
 }
 
 std::expected<size_t, int> RecordingDevice::writeAt(std::span<const std::byte> bytes,
                                                     uint64_t offset) {
-  _records.push_back({.call = Call::Write,
-                      .offset = offset,
-                      .size = bytes.size(),
-                      .bytes = {bytes.begin(), bytes.end()}});
+  recordTransfer(Call::Write, bytes, offset, false);
   return _device->writeAt(bytes, offset);
 }
 
+std::expected<size_t, int> RecordingDevice::readOnceAt(std::span<std::byte> bytes,
+                                                       uint64_t offset) {
+  recordTransfer(Call::Read, bytes, offset, true);
+  return _device->readOnceAt(bytes, offset);
+}
+
+std::expected<size_t, int> RecordingDevice::writeOnceAt(std::span<const std::byte> bytes,
+                                                        uint64_t offset) {
+  recordTransfer(Call::Write, bytes, offset, true);
+  return _device->writeOnceAt(bytes, offset);
+}
+
 std::expected<void, int> RecordingDevice::sync() {
-  _records.push_back({.call = Call::Sync, .offset = 0, .size = 0, .bytes = {}});
+  recordTransfer(Call::Sync, {}, 0, false);
   return _device->sync();
 }
 
