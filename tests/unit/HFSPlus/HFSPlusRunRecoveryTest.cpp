@@ -396,6 +396,20 @@ TEST_F(CraftedRecord, IsRefusedWhenItTouchesAnythingElse) {
   }
 }
 
+TEST_F(CraftedRecord, IsRefusedWhenItMakesAnotherVolumeOfThisOne) {
+  const std::function<void(HFSPlusVolumeHeader&)> edits[] = {
+      [](auto& header) { header.createDate += 1; },
+      [](auto& header) { header.totalBlocks -= 1; },
+      [](auto& header) { header.blockSize *= 2; },
+      [](auto& header) { header.version += 1; },
+  };
+  for (const auto& edit : edits) {
+    HFSPlusVolumeHeader header = headerIn(_image);
+    edit(header);
+    expectRefused(withRange(kHFSPlusVolumeHeaderOffset, toDisk(header).bytes));
+  }
+}
+
 TEST_F(CraftedRecord, IsRefusedWhenItLeavesTheVolume) {
   const Image bytes(1024);
   expectRefused(withRange(_image.size(), bytes));
