@@ -150,8 +150,8 @@ Result<> HFSPlusVolume::_checkGeometry() const {
   const HFSPlusVolumeHeader& header = _hostVolumeHeader;
   const uint64_t headerEnd = kHFSPlusVolumeHeaderOffset + sizeof(HFSPlusVolumeHeader);
   const bool sound = std::has_single_bit(header.blockSize) && header.blockSize >= kBlockSizeMin &&
-                     header.totalBlocks > 0 && header.freeBlocks <= header.totalBlocks &&
-                     uint64_t{header.totalBlocks} * header.blockSize <= _volumeSizeBytes &&
+                     header.blockSize <= _volumeSizeBytes && header.totalBlocks > 0 &&
+                     header.freeBlocks <= header.totalBlocks &&
                      _volumeSizeBytes >= headerEnd + kHFSPlusAlternateVolumeHeaderDistance &&
                      _volumeStartOffset <= deviceSizeBytes() &&
                      _volumeSizeBytes <= deviceSizeBytes() - _volumeStartOffset;
@@ -216,6 +216,10 @@ Result<HFSPlusBlockRanges> HFSPlusVolume::_specialFileBlocks() {
 Result<> HFSPlusVolume::_openSpecialFiles() {
   _extents = TRY(HFSPlusExtents::open(*this));
   _allocation = TRY(HFSPlusAllocation::open(*this));
+  // Not before: more blocks than the bitmap has bits are the bitmap's fault.
+  if (uint64_t{_hostVolumeHeader.totalBlocks} * _hostVolumeHeader.blockSize > _volumeSizeBytes) {
+    return std::unexpected(inconsistentVolume());
+  }
   _catalog = TRY(HFSPlusCatalog::open(*this));
   const HFSPlusExtentDescriptor& first = _hostVolumeHeader.attributesFile.extents[0];
   if (first.startBlock != 0 && first.blockCount != 0) {

@@ -222,13 +222,28 @@ TEST(HFSPlusVolume, ImpossibleHeadersAreInconsistent) {
       [](auto& header) { header.blockSize = 1U << 31; },
       [](auto& header) { header.totalBlocks = 0; },
       [](auto& header) { header.totalBlocks = 2049; },
-      [](auto& header) { header.totalBlocks = UINT32_MAX; },
       [](auto& header) { header.freeBlocks = header.totalBlocks + 1; },
   };
   for (const EditHeader& edit : edits) {
     EXPECT_EQ(messageOfOpening(edit), "Volume is inconsistent.");
     EXPECT_EQ(messageOfOpening(edit, Mode::Mounted), "Volume is inconsistent.");
   }
+}
+
+TEST(HFSPlusVolume, MoreBlocksThanTheBitmapHasBitsAreTheAllocationFilesFault) {
+  TestVolume sound(plainVolume().image);
+  ASSERT_EQ(messageOf(sound.open()), "");
+  const uint64_t bits = sound->hostVolumeHeader().allocationFile.logicalSize * 8;
+  for (const uint64_t totalBlocks : {bits + 1, uint64_t{UINT32_MAX}}) {
+    const auto edit = [totalBlocks](auto& header) {
+      header.totalBlocks = static_cast<uint32_t>(totalBlocks);
+    };
+    EXPECT_EQ(messageOfOpening(edit), "Allocation file is inconsistent.");
+    EXPECT_EQ(messageOfOpening(edit, Mode::Mounted), "Allocation file is inconsistent.");
+  }
+  // As many as it has bits, and more than the device has blocks.
+  const auto edit = [bits](auto& header) { header.totalBlocks = static_cast<uint32_t>(bits); };
+  EXPECT_EQ(messageOfOpening(edit), "Volume is inconsistent.");
 }
 
 TEST(HFSPlusVolume, SpecialFilesThatLeaveTheVolumeAreRefusedWithoutHarm) {
