@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <fstream>
 #include <string_view>
 
@@ -81,12 +80,6 @@ bool openStandardDescriptors() {
 void ignoreWriteSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-}
-
-uint64_t monotonicTicks() {
-  timespec now{};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
 }
 
 }  // namespace PlatformProcess

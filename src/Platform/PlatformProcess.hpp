@@ -37,7 +37,4 @@ void lowerIOPriority();
 /// the process.
 void ignoreWriteSignals();
 
-/// A fast-running clock's reading, for seeding random numbers.
-uint64_t monotonicTicks();
-
 }  // namespace PlatformProcess
