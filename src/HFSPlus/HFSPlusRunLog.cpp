@@ -69,6 +69,8 @@ Result<> HFSPlusRunLog::begin(const HFSPlusVolumeHeader& header,
     return std::ranges::all_of(bytes, [](std::byte byte) { return byte == std::byte{0}; });
   };
   if (!_locatorOffset) {
+    // Recovery takes the first one that it finds.
+    TRY(HFSPlusEraseStaleLocator(_device, _place));
     _locatorOffset = TRY(searchReservedBytes(_device, _place, isZero));
   }
   if (!_locatorOffset) {

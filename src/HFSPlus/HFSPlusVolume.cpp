@@ -50,6 +50,14 @@ std::optional<ForkExtent> extentHolding(uint64_t forkBlock, const HFSPlusExtentR
   return std::nullopt;
 }
 
+/// A locator that the volume does not need is in nobody's way before the next run, which does not
+/// begin as long as it is there: where it cannot be looked for the volume can still be looked at.
+void tidyReservedBytes(XRDefragVolume& device, HFSPlusVolumePlace place) {
+  if (const auto erased = HFSPlusEraseStaleLocator(device, place); !erased) {
+    LWDebugLog(LWDebugLevel::Warning, "%@\n", erased.error().description());
+  }
+}
+
 }  // namespace
 
 Result<bool> HFSPlusVolume::probe(XRDefragVolume& device) {
@@ -189,7 +197,10 @@ Result<> HFSPlusVolume::_recoverInterruptedRun() {
   XRDefragVolume device(*this);
   const HFSPlusVolumePlace place{_volumeStartOffset, _volumeSizeBytes};
   if (!_recovery) {
-    return isWritable() ? HFSPlusEraseStaleLocator(device, place) : Result<>();
+    if (isWritable()) {
+      tidyReservedBytes(device, place);
+    }
+    return {};
   }
   if (!_recovery->touchesOnly(TRY(_specialFileBlocks()))) {
     return std::unexpected(inconsistentVolume());

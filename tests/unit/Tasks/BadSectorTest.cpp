@@ -11,6 +11,7 @@
 #include <set>
 
 #include "Tasks/HFSPlusBitmapTask.hpp"
+#include "Tasks/HFSPlusDefragTask.hpp"
 #include "Tasks/HFSPlusFragInfoTask.hpp"
 #include "Tasks/HFSPlusMapTask.hpp"
 #include "Tasks/HFSPlusScanTask.hpp"
@@ -139,9 +140,17 @@ struct AilingVolume {
   std::unique_ptr<HFSPlusVolume> volume;
 };
 
+Transcript reportOf(HFSPlusVolume& volume, const std::string& line) {
+  const std::string command = line.substr(0, line.find(' '));
+  return command == "SCAN"       ? transcriptOf<HFSPlusScanTask>(volume, line)
+         : command == "FRAGINFO" ? transcriptOf<HFSPlusFragInfoTask>(volume, line)
+         : command == "MAP"      ? transcriptOf<HFSPlusMapTask>(volume, line)
+                                 : transcriptOf<HFSPlusBitmapTask>(volume, line);
+}
+
 TEST(BadSector, EndsTheOpeningOfAVolumeThatNeedsIt) {
-  const std::set<std::string> needed = {"volume header",     "catalog header", "extents header",
-                                        "attributes header", "boot blocks",    "last sector"};
+  const std::set<std::string> needed = {"volume header", "catalog header", "extents header",
+                                        "attributes header"};
   const std::set<std::string> needless = {"last catalog leaf",
                                           "last extents leaf",
                                           "last attributes leaf",
@@ -150,7 +159,9 @@ TEST(BadSector, EndsTheOpeningOfAVolumeThatNeedsIt) {
                                           "data",
                                           "more data",
                                           "journal",
-                                          "journal info block"};
+                                          "journal info block",
+                                          "boot blocks",
+                                          "last sector"};
   for (const Place& place : subject().places) {
     SCOPED_TRACE(place.what);
     AilingVolume volume(subject().image);
@@ -166,6 +177,26 @@ TEST(BadSector, EndsTheOpeningOfAVolumeThatNeedsIt) {
   }
 }
 
+TEST(BadSector, InTheReservedBytesLeavesAVolumeToLookAtOnly) {
+  for (const Place& place : subject().places) {
+    if (place.what != std::string("boot blocks") && place.what != std::string("last sector")) {
+      continue;
+    }
+    SCOPED_TRACE(place.what);
+    AilingVolume volume(subject().image);
+    volume.ailing->spoilSector(place.offset, false);
+    ASSERT_TRUE(volume.open());
+    EXPECT_EQ(RewritingRun::errorIn(reportOf(*volume.volume, "SCAN")), "");
+    const auto run = [&] {
+      return RewritingRun::errorIn(transcriptOf(RewritingRun::taskOf(*volume.volume, "DEFRAG")));
+    };
+    EXPECT_TRUE(tellsOfReading(run(), place.offset));
+    EXPECT_TRUE(volume.memory->image() == subject().image);
+    volume.ailing->heal();
+    EXPECT_EQ(run(), "");
+  }
+}
+
 TEST(BadSector, EndsTheSearchForAVolumeWhenItIsAHeaders) {
   for (const Place& place : subject().places) {
     SCOPED_TRACE(place.what);
@@ -177,14 +208,6 @@ TEST(BadSector, EndsTheSearchForAVolumeWhenItIsAHeaders) {
     EXPECT_EQ(probed.has_value(), !isHeader);
     EXPECT_TRUE(probed || tellsOfReading(probed.error().description(), place.offset));
   }
-}
-
-Transcript reportOf(HFSPlusVolume& volume, const std::string& line) {
-  const std::string command = line.substr(0, line.find(' '));
-  return command == "SCAN"       ? transcriptOf<HFSPlusScanTask>(volume, line)
-         : command == "FRAGINFO" ? transcriptOf<HFSPlusFragInfoTask>(volume, line)
-         : command == "MAP"      ? transcriptOf<HFSPlusMapTask>(volume, line)
-                                 : transcriptOf<HFSPlusBitmapTask>(volume, line);
 }
 
 /// A report from a volume with a bad sector is that of the sound one, or its beginning with a
