@@ -209,6 +209,7 @@ void HFSPlusCopyList::_report(std::span<const HFSPlusCopyGroup> groups, bool cou
     const HFSPlusCopyEntry& entry = _entries[i];
     _progress.moved(entry.source(), entry.nustart, entry.count, countProgress);
   }
+  _progress.send();
 }
 
 HFSPlusBlockRanges HFSPlusCopyList::_destinations(std::span<const HFSPlusCopyGroup> groups) const {

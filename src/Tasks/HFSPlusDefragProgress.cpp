@@ -24,11 +24,15 @@ void HFSPlusDefragProgress::moved(uint32_t from, uint32_t to, uint32_t count, bo
   }
   const uint32_t percent = percentage();
   if (!_report) {
-    XRDefragReport::shared().printAndFlush(LWFormat("%s,%d,%u,%u,%u,%u\n", _progressPrefix,
-                                                    static_cast<int>(percent), from, to, count,
-                                                    _allocatedBlocks));
+    XRDefragReport::shared().print(LWFormat("%s,%d,%u,%u,%u,%u\n", _progressPrefix,
+                                            static_cast<int>(percent), from, to, count,
+                                            _allocatedBlocks));
   } else if (percent != _progressBlocksPercentage) {
     _progressBlocksPercentage = percent;
     _report(static_cast<int>(percent));
   }
+}
+
+void HFSPlusDefragProgress::send() {
+  XRDefragReport::shared().printAndFlush({});
 }

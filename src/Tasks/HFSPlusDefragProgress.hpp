@@ -19,8 +19,13 @@ class HFSPlusDefragProgress {
   /// Sets how many blocks the run expects to move, and starts counting.
   void expect(uint32_t blocks);
 
-  /// Tells of a piece that has been moved; `counted` if it was one of those expected.
+  /// Tells of a piece that has been moved; `counted` if it was one of those expected. Lines leave
+  /// with the next send().
   void moved(uint32_t from, uint32_t to, uint32_t count, bool counted);
+
+  /// Sends what has been told on its way, and returns when it has left. Once for many pieces: it
+  /// takes two threads that wake each other.
+  void send();
 
   /// 0 to 100; 100 when nothing was expected.
   uint32_t percentage() const;
