@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint32_t kNodeCacheBytes = 32U << 20;
 constexpr size_t kPathUnits = 1024;
+constexpr size_t kRememberedPlaces = 32768;  // twice the blocks of a batch of the common size
 
 XRDefragError pathTooLong() {
   return XRDefragError::localized(
@@ -62,6 +63,14 @@ HFSPlusCatalogKey hostKey(const HFSPlusCatalogKeyView& view) {
     key.nodeName.unicode[unit] = readBigEndian<uint16_t>(view.nameUnits.data() + 2 * unit);
   }
   return key;
+}
+
+bool isFile(const HFSPlusCatalogRecordView& record, uint32_t cnid) {
+  if (record.type() != kHFSPlusFileRecord || record.file() == nullptr) {
+    return false;
+  }
+  constexpr size_t kFileIDOffset = offsetof(HFSPlusCatalogFile, fileID);
+  return readBigEndian<uint32_t>(record.file()->bytes.data() + kFileIDOffset) == cnid;
 }
 
 /// `file` is a file record in disk order.
@@ -217,8 +226,12 @@ Result<std::optional<HFSPlusCatalog::ItemKey>> HFSPlusCatalog::_keyForCNID(uint3
 }
 
 Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordForKey(const HFSPlusCatalogKeyView& key) {
-  HFSPlusCatalogRecord found;
   const Position position = TRY(_findKey(key));
+  return _copyRecordAt(position);
+}
+
+Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordAt(const Position& position) const {
+  HFSPlusCatalogRecord found;
   if (!position.slot.equal) {
     return found;
   }
@@ -237,12 +250,39 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordForKey(const HFSPlusCata
   return found;
 }
 
+void HFSPlusCatalog::_remember(uint32_t cnid, const Position& position) {
+  _places.resize(kRememberedPlaces);
+  _places[cnid % kRememberedPlaces] = {cnid, position.leaf->index(), position.slot.index};
+}
+
+/// The record of a file, if it is where it was found before.
+Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedFile(uint32_t cnid) {
+  const Place place = _places.empty() ? Place{} : _places[cnid % kRememberedPlaces];
+  if (place.node == 0 || place.cnid != cnid) {
+    return std::nullopt;
+  }
+  auto leaf = TRY(cachedNodeWithIndex(place.node));
+  if (leaf->kind() != kBTLeafNode || place.record >= leaf->recordCount() ||
+      !isFile(TRY(_recordAt(*leaf, place.record)), cnid)) {
+    return std::nullopt;
+  }
+  return Position{std::move(leaf), {.index = place.record, .equal = true}};
+}
+
 Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForCNID(uint32_t cnid) {
+  if (const auto remembered = TRY(_rememberedFile(cnid))) {
+    return _copyRecordAt(*remembered);
+  }
   const auto key = TRY(_keyForCNID(cnid));
   if (!key) {
     return HFSPlusCatalogRecord{};
   }
-  return _copyRecordForKey(key->view());
+  const Position position = TRY(_findKey(key->view()));
+  auto found = TRY(_copyRecordAt(position));
+  if (found.isFile() && found.itemID() == cnid) {
+    _remember(cnid, position);
+  }
+  return found;
 }
 
 Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForPath(std::string_view utf8) {
@@ -383,25 +423,29 @@ Result<> HFSPlusCatalog::updateForkExtents(const HFSPlusExtentRecord& host, uint
   if (forkType != kHFSDataForkType && forkType != kHFSResourceForkType) {
     return std::unexpected(volumeInconsistent());
   }
-  const Position thread = TRY(_findKey({fileID, {}}));
-  if (!TRY(_isThere(thread))) {
-    return {};
+  auto position = TRY(_rememberedFile(fileID));
+  if (!position) {
+    const Position thread = TRY(_findKey({fileID, {}}));
+    if (!TRY(_isThere(thread))) {
+      return {};
+    }
+    const auto key = TRY(_keyOfItem(thread));
+    if (!key) {
+      return std::unexpected(volumeInconsistent());
+    }
+    position = TRY(_findKey(key->view()));
+    if (!TRY(_isThere(*position))) {
+      return {};
+    }
   }
-  const auto key = TRY(_keyOfItem(thread));
-  if (!key) {
-    return std::unexpected(volumeInconsistent());
-  }
-  Position position = TRY(_findKey(key->view()));
-  if (!TRY(_isThere(position))) {
-    return {};
-  }
-  const auto record = TRY(_recordAt(*position.leaf, position.slot.index));
+  HFSPlusBTreeNode& leaf = *position->leaf;
+  const auto record = TRY(_recordAt(leaf, position->slot.index));
   if (record.type() != kHFSPlusFileRecord || record.file() == nullptr) {
     return std::unexpected(volumeInconsistent());
   }
-  const auto whole = position.leaf->mutableRecordDataAtIndex(position.slot.index);
+  const auto whole = leaf.mutableRecordDataAtIndex(position->slot.index);
   setForkExtents(whole.subspan(whole.size() - record.data.size()), host, forkType, setZeroLength);
-  position.leaf->setDirty(true);
+  leaf.setDirty(true);
   return {};
 }
 

@@ -85,6 +85,12 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
     Slot slot;
   };
   struct ItemKey;
+  /// Where a file's record was found.
+  struct Place {
+    uint32_t cnid = 0;
+    uint32_t node = 0;
+    uint32_t record = 0;
+  };
 
   explicit HFSPlusCatalog(HFSPlusVolumeAccess& volume);
 
@@ -97,6 +103,9 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   Result<std::optional<ItemKey>> _keyOfItem(const Position& thread) const;
   Result<std::optional<ItemKey>> _keyForCNID(uint32_t cnid);
   Result<HFSPlusCatalogRecord> _copyRecordForKey(const HFSPlusCatalogKeyView& key);
+  Result<HFSPlusCatalogRecord> _copyRecordAt(const Position& position) const;
+  void _remember(uint32_t cnid, const Position& position);
+  Result<std::optional<Position>> _rememberedFile(uint32_t cnid);
   Result<std::u16string> _nameForComponent(std::string_view component) const;
   Result<> _iterateFolderID(uint32_t folderID, HFSPlusFolderDelegate& delegate);
   Result<> _showChild(const HFSPlusCatalogRecordView& record,
@@ -105,4 +114,7 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
 
   bool _binaryKeyCompare = false;
   HFSPlusNameComparison _keyCompareProc = HFSPlusCompareNamesFolded;
+  /// By CNID: a run looks a file up when it plans its move and again when it has moved it. What is
+  /// remembered counts only if the record is still there.
+  std::vector<Place> _places;
 };

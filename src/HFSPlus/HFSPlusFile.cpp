@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "HFSPlus/HFSPlusHeldWrites.hpp"
 
@@ -84,6 +85,11 @@ Result<> HFSPlusFile::write(std::span<const std::byte> bytes, uint64_t offset) {
         "Write of file ID %1$lu at offset %2$llu and size %3$llu was out of range.", _fileID,
         offset, bytes.size()));
   }
-  _volume.heldWrites().hold(_fileID, offset, bytes);
+  // What cannot be read is taken for changed altogether.
+  std::vector<std::byte> before(bytes.size());
+  if (!read(before, offset)) {
+    before.clear();
+  }
+  _volume.heldWrites().hold(_fileID, offset, bytes, before);
   return {};
 }

@@ -225,6 +225,10 @@ size_t HFSPlusForkExtents::editedDescriptorCount() const {
   return count;
 }
 
+bool HFSPlusForkExtents::staysInFirstRecord() const {
+  return _originalRecords.size() <= 1 && editedDescriptorCount() <= kHFSPlusExtentDensity;
+}
+
 const std::string& HFSPlusForkExtents::_nameForMessages() {
   if (_fileName) {
     return *_fileName;

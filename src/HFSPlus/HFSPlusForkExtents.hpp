@@ -52,6 +52,10 @@ class HFSPlusForkExtents {
   /// Extents that the edited list would have on disk, neighbours joined.
   size_t editedDescriptorCount() const;
 
+  /// Whether all extents, those before the edits as well, are in the catalog record or the header,
+  /// so that update() leaves the overflow file alone.
+  bool staysInFirstRecord() const;
+
   /// Logs both lists.
   void dump() const;
 

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <span>
-#include <utility>
 #include <vector>
 
 /// The metadata bytes that have left their caches and wait for the volume's next flush.
@@ -14,7 +13,8 @@
 /// before the flush. Reads of the file see the held bytes on top of the device's.
 ///
 /// A file always writes whole units (nodes, chunks) at the same boundaries, so two held pieces of a
-/// file are the same piece or do not overlap.
+/// file are the same piece or do not overlap. Of a unit mostly a few bytes have changed; the flush
+/// writes the sectors that differ from the device's, which is why those are known here.
 class HFSPlusHeldWrites {
  public:
   struct Key {
@@ -22,10 +22,27 @@ class HFSPlusHeldWrites {
     uint64_t offset;  // bytes from the file's start
     friend auto operator<=>(const Key&, const Key&) = default;
   };
-  using Map = std::map<Key, std::vector<std::byte>>;
+  /// Bytes of a unit that the device may have otherwise.
+  struct Change {
+    size_t offset;  // in the unit
+    std::span<const std::byte> bytes;
+  };
+  /// A unit of a file as it is to be.
+  struct Piece {
+    std::vector<std::byte> bytes;
+    std::vector<bool> changed;  // by sector
 
-  /// Keeps a copy of the bytes, in place of what was held there.
-  void hold(uint32_t fileID, uint64_t offset, std::span<const std::byte> bytes);
+    /// What has changed, in runs of sectors as long as possible.
+    std::vector<Change> changes() const;
+  };
+  using Map = std::map<Key, Piece>;
+
+  static constexpr size_t kSectorBytes = 512;
+
+  /// Keeps a copy of the bytes, in place of what was held there. `before` is what the device has in
+  /// that place if nothing is held there, and of the same size; or empty when nobody knows.
+  void hold(uint32_t fileID, uint64_t offset, std::span<const std::byte> bytes,
+            std::span<const std::byte> before = {});
 
   /// Whether one held piece covers the whole range; if so it is copied into `bytes`.
   bool copyWhole(uint32_t fileID, uint64_t offset, std::span<std::byte> bytes) const;
@@ -36,7 +53,7 @@ class HFSPlusHeldWrites {
   /// All pieces, by file and offset.
   const Map& pieces() const { return _pieces; }
   bool empty() const { return _pieces.empty(); }
-  /// Bytes held in all.
+  /// Bytes held in all, changed or not.
   uint64_t byteCount() const { return _byteCount; }
 
   /// Forgets everything.

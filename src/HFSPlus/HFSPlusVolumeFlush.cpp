@@ -1,7 +1,7 @@
 // How an HFSPlusVolume writes. The order of a flush, which is what keeps a volume whole:
 //
 //   1. The special files hand over what changed. Nothing is written if one of them cannot.
-//   2. The plan is made: every byte of the flush and its place, as the forks lie now.
+//   2. The plan is made: every sector that changes and its place, as the forks lie now.
 //   3. During a rewriting run the header on disk is marked as in flux, if it is not yet; synced.
 //   4. Sync: the file data that the new metadata describes is on stable storage. During a rewriting
 //      run the plan is written down in the run's log as well; from here it happens, crash or no
@@ -123,6 +123,7 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRange
   TRY(_flushSpecialFiles());
   HFSPlusFlushPlan plan = TRY(_planFlush());
   if (plan.empty()) {
+    _heldWrites.clear();
     return FlushOutcome::Flushed;
   }
   TRY(_markInFlux());
@@ -203,21 +204,28 @@ Result<HFSPlusFlushPlan> HFSPlusVolume::_planFlush() {
 }
 
 Result<> HFSPlusVolume::_planHeldWrites(HFSPlusFlushPlan& plan) {
-  for (const auto& [key, held] : _heldWrites.pieces()) {
-    const HFSPlusForkData* forkData = hostForkData(key.fileID);
-    if (forkData == nullptr) {
-      return std::unexpected(XRDefragError::internalHere());
+  for (const auto& [key, piece] : _heldWrites.pieces()) {
+    for (const auto& [offset, bytes] : piece.changes()) {
+      TRY(_planBytes(plan, key.fileID, key.offset + offset, bytes));
     }
-    std::span<const std::byte> bytes = held;
-    uint64_t offset = key.offset;
-    while (!bytes.empty()) {
-      const HFSPlusTranslation place =
-          TRY(translateOffset(offset, key.fileID, kHFSDataForkType, *forkData));
-      const auto piece = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
-      plan.add(place.offset, piece, HFSPlusFlushPlan::Kind::SpecialFile);
-      bytes = bytes.subspan(piece.size());
-      offset += piece.size();
-    }
+  }
+  return {};
+}
+
+/// Plans changed bytes of a special file, wherever its extents have them.
+Result<> HFSPlusVolume::_planBytes(HFSPlusFlushPlan& plan, uint32_t fileID, uint64_t offset,
+                                   std::span<const std::byte> bytes) {
+  const HFSPlusForkData* forkData = hostForkData(fileID);
+  if (forkData == nullptr) {
+    return std::unexpected(XRDefragError::internalHere());
+  }
+  while (!bytes.empty()) {
+    const HFSPlusTranslation place =
+        TRY(translateOffset(offset, fileID, kHFSDataForkType, *forkData));
+    const auto part = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
+    plan.add(place.offset, part, HFSPlusFlushPlan::Kind::SpecialFile);
+    bytes = bytes.subspan(part.size());
+    offset += part.size();
   }
   return {};
 }

@@ -1,6 +1,8 @@
 #include "Tasks/HFSPlusCopyRehearsal.hpp"
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkExtents.hpp"
@@ -26,10 +28,14 @@ Result<bool> HFSPlusCopyRehearsal::succeeds(std::span<const HFSPlusCopyEntry> en
   if (_hasAmpleNodes(entries.size(), groups.size())) {
     return true;
   }
+  const std::vector<HFSPlusCopyGroup> forks = _forksWithNodes(entries, groups);
+  if (forks.empty()) {
+    return true;
+  }
   if (TRY(_volume.flush()) == HFSPlusVolume::FlushOutcome::NoRoomForRecord) {
     return false;
   }
-  const Result<> played = _play(entries, groups);
+  const Result<> played = _play(entries, forks);
   TRY(_volume.discardChanges());
   return played.has_value();
 }
@@ -45,13 +51,31 @@ bool HFSPlusCopyRehearsal::_hasAmpleNodes(size_t entryCount, size_t groupCount) 
   return tree.freeNodes() >= usedNodes + 2 * (groupCount + newRecords / leafRecords) + kSpareNodes;
 }
 
+/// The forks that the overflow file has to do with, and those that cannot be moved at all.
+std::vector<HFSPlusCopyGroup> HFSPlusCopyRehearsal::_forksWithNodes(
+    std::span<const HFSPlusCopyEntry> entries, std::span<const HFSPlusCopyGroup> groups) const {
+  std::vector<HFSPlusCopyGroup> forks;
+  std::ranges::copy_if(groups, std::back_inserter(forks), [&](const HFSPlusCopyGroup& group) {
+    const auto fork = _moved(entries, group);
+    return !fork || !(*fork)->staysInFirstRecord();
+  });
+  return forks;
+}
+
+/// A fork with its moves made in its list, which is not written back.
+Result<std::unique_ptr<HFSPlusForkExtents>> HFSPlusCopyRehearsal::_moved(
+    std::span<const HFSPlusCopyEntry> entries, const HFSPlusCopyGroup& group) const {
+  auto fork = TRY(HFSPlusForkExtents::open(_volume, group.cnid, group.forkType));
+  for (const uint32_t i : group.entries) {
+    TRY(fork->move(entries[i].source(), entries[i].nustart, entries[i].count));
+  }
+  return fork;
+}
+
 Result<> HFSPlusCopyRehearsal::_play(std::span<const HFSPlusCopyEntry> entries,
                                      std::span<const HFSPlusCopyGroup> groups) {
   const auto play = [&](const HFSPlusCopyGroup& group) -> Result<> {
-    const auto fork = TRY(HFSPlusForkExtents::open(_volume, group.cnid, group.forkType));
-    for (const uint32_t i : group.entries) {
-      TRY(fork->move(entries[i].source(), entries[i].nustart, entries[i].count));
-    }
+    const auto fork = TRY(_moved(entries, group));
     return fork->update();
   };
   for (const HFSPlusCopyGroup& group : groups) {

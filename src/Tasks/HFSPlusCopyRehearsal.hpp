@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <span>
+#include <vector>
 
 #include "XRDefragError.hpp"
 
+class HFSPlusForkExtents;
 class HFSPlusVolume;
 struct HFSPlusCopyEntry;
 struct HFSPlusCopyGroup;
@@ -18,13 +21,18 @@ class HFSPlusCopyRehearsal {
   /// The volume must outlive the object and have no changes that are not to be flushed.
   explicit HFSPlusCopyRehearsal(HFSPlusVolume& volume) : _volume(volume) {}
 
-  /// Whether the moves can be written back. Plays them through in memory unless there are more
-  /// than enough free nodes, and forgets them again. Errors of flushing and of forgetting.
+  /// Whether the moves can be written back. Plays those that the overflow file has to do with
+  /// through in memory, unless it has more than enough free nodes, and forgets them again. Errors
+  /// of flushing and of forgetting.
   [[nodiscard]] Result<bool> succeeds(std::span<const HFSPlusCopyEntry> entries,
                                       std::span<const HFSPlusCopyGroup> groups);
 
  private:
   bool _hasAmpleNodes(size_t entryCount, size_t groupCount) const;
+  std::vector<HFSPlusCopyGroup> _forksWithNodes(std::span<const HFSPlusCopyEntry> entries,
+                                                std::span<const HFSPlusCopyGroup> groups) const;
+  Result<std::unique_ptr<HFSPlusForkExtents>> _moved(std::span<const HFSPlusCopyEntry> entries,
+                                                     const HFSPlusCopyGroup& group) const;
   Result<> _play(std::span<const HFSPlusCopyEntry> entries,
                  std::span<const HFSPlusCopyGroup> groups);
 

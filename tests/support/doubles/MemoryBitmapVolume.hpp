@@ -58,7 +58,9 @@ class MemoryBitmapVolume final : public HFSPlusVolumeAccess {
   /// Writes what is held, as a volume's flush does.
   void writeHeld() {
     for (const auto& [key, piece] : held.pieces()) {
-      std::ranges::copy(piece, bytes.begin() + static_cast<std::ptrdiff_t>(key.offset));
+      for (const auto& [offset, changed] : piece.changes()) {
+        std::ranges::copy(changed, &bytes.at(key.offset + offset));
+      }
     }
     held.clear();
   }

@@ -494,3 +494,32 @@ TEST(HFSPlusCatalog, RandomDamageEndsEveryOperationOneWayOrAnother) {
 }
 
 }  // namespace
+
+TEST(HFSPlusCatalog, AFileThatWasFoundIsFoundAgainInOneNode) {
+  MemoryCatalog tree = smallTree();
+  tree.recordsPerLeaf = 1;
+  tree.recordsPerIndexNode = 2;
+  tree.build();
+  const auto catalog = tree.open();
+  const auto bytesToFind = [&] {
+    EXPECT_TRUE(catalog->discardChanges());
+    tree.takeBytesRead();
+    EXPECT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 22U);
+    return tree.takeBytesRead();
+  };
+  EXPECT_GT(bytesToFind(), tree.nodeSize);
+  EXPECT_EQ(bytesToFind(), tree.nodeSize);
+}
+
+TEST(HFSPlusCatalog, APlaceWhereTheFileIsNoLongerIsForgotten) {
+  MemoryCatalog tree = smallTree();
+  tree.build();
+  const auto catalog = tree.open();
+  ASSERT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 22U);
+  // The thread leads to another file's record now.
+  writeBigEndian(tree.recordData(20, u"note").data() + offsetof(HFSPlusCatalogFile, fileID),
+                 uint32_t{99});
+  ASSERT_TRUE(catalog->discardChanges());
+  EXPECT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 99U);
+  EXPECT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 99U);
+}

@@ -136,6 +136,23 @@ TEST(HFSPlusForkExtents, MovingTheMiddleOfAnExtentMakesThreeOfIt) {
   EXPECT_EQ(setting.check().report(), "");
 }
 
+TEST(HFSPlusForkExtents, AForkStaysInItsFirstRecordWithEightExtentsBeforeAndAfter) {
+  Setting eight(comb(2000, 8), comb(1500, 9));
+  EXPECT_FALSE(eight.fork(kHFSResourceForkType)->staysInFirstRecord());
+  const auto fork = eight.fork();
+  EXPECT_TRUE(fork->staysInFirstRecord());
+  const HFSPlusExtentDescriptor first = fork->copyExtentDescriptors(0).front();
+  EXPECT_EQ(messageOf(fork->move(first.startBlock, 3000, first.blockCount)), "");
+  EXPECT_TRUE(fork->staysInFirstRecord());
+}
+
+TEST(HFSPlusForkExtents, ANinthExtentLeadsOutOfTheFirstRecord) {
+  Setting setting(comb(2000, 8, 2));
+  const auto fork = setting.fork();
+  EXPECT_EQ(messageOf(fork->move(2000, 3000, 1)), "");
+  EXPECT_FALSE(fork->staysInFirstRecord());
+}
+
 TEST(HFSPlusForkExtents, MovingNothingIsNoEdit) {
   Setting setting({{2000, 10}});
   const auto fork = setting.fork();

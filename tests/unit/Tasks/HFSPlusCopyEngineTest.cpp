@@ -51,7 +51,11 @@ TEST(HFSPlusDefragProgress, PrintsPrefixPercentSourceDestinationCountAndUse) {
   progress.expect(8);
   testing::internal::CaptureStdout();
   progress.moved(4000000000, 20, 4, true);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "COMPACT,PROGRESS,50,4000000000,20,4,1000\n");
+  progress.moved(21, 24, 4, true);
+  progress.send();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "COMPACT,PROGRESS,50,4000000000,20,4,1000\n"
+            "COMPACT,PROGRESS,100,21,24,4,1000\n");
 }
 
 /// A copy list on a volume that the test lays out.
