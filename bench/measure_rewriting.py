@@ -32,6 +32,8 @@ class Restored:
         floors.dd(f"if={self.pristine}", f"of={self.target}", "iflag=direct,skip_bytes,count_bytes",
                   "oflag=seek_bytes,direct", f"skip={self.used}", f"seek={self.used}",
                   f"count={left}", "conv=notrunc,fdatasync")
+        # The program reads metadata through the page cache.
+        volumes.forget(self.target)
         return seconds
 
 
@@ -48,17 +50,18 @@ def moved_blocks(report):
 def measure(command, volume, name, repetitions, judged):
     trace = setting.SCRATCH / "run.trace"
     whole, engine, copies, bare = [], [], [], []
-    peak = blocks = cpu = 0
+    peak = 0
+    moved, processor = set(), []
     summary = None
     for _ in range(repetitions):
         copies.append(volume.restore())
         with program.Program(volume.target, trace=trace) as xrdefrag:
             begun = xrdefrag.cpu_seconds()
             spent, report = xrdefrag.ask(command, keep=True)
-            cpu = xrdefrag.cpu_seconds() - begun
+            processor.append(xrdefrag.cpu_seconds() - begun)
             peak = max(peak, xrdefrag.peak_mib())
         whole.append(spent)
-        blocks = moved_blocks(report)
+        moved.add(moved_blocks(report))
         summary = traces.Summary(trace)
         engine.append(summary.engine_seconds)
         if judged:
@@ -68,10 +71,14 @@ def measure(command, volume, name, repetitions, judged):
         # The bare copier takes longest of all; a quick run asks it once.
         if not (bare and setting.QUICK):
             bare.append(floors.carry_out(trace, volume.target))
+    # The same volume and the same command: the same moves.
+    if len(moved) != 1:
+        raise RuntimeError(f"{command}, {name}: the runs moved {sorted(moved)} blocks")
+    blocks, = moved
     if name == "4 GiB mixed, file":
         results.point(command, volume.size // volume.block_size, median(whole))
     value = results.ratio(whole, copies)
-    detail = (f"{median(whole):.2f} s, a copy {median(copies):.2f} s, CPU {cpu:.2f} s")
+    detail = (f"{median(whole):.2f} s, a copy {median(copies):.2f} s, CPU {median(processor):.2f} s")
     if "mixed" in name:
         results.at_most(f"{command}, {name}: whole command", 2.5, value, detail=detail)
     else:

@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t kNodeCacheBytes = 32U << 20;
 constexpr size_t kPathUnits = 1024;
-constexpr size_t kRememberedPlaces = 32768;  // twice the blocks of a batch of the common size
+constexpr size_t kRememberedPlaces = 262144;
 
 XRDefragError pathTooLong() {
   return XRDefragError::localized(
@@ -251,13 +251,18 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordAt(const Position& posit
 }
 
 void HFSPlusCatalog::_remember(uint32_t cnid, const Position& position) {
-  _places.resize(kRememberedPlaces);
-  _places[cnid % kRememberedPlaces] = {cnid, position.leaf->index(), position.slot.index};
+  if (!_places) {
+    // Memory in which nothing is remembered stays the system's.
+    _places.reset(static_cast<Place*>(std::calloc(kRememberedPlaces, sizeof(Place))));
+  }
+  if (_places) {
+    _places[cnid % kRememberedPlaces] = {cnid, position.leaf->index(), position.slot.index};
+  }
 }
 
 /// The record of a file, if it is where it was found before.
 Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedFile(uint32_t cnid) {
-  const Place place = _places.empty() ? Place{} : _places[cnid % kRememberedPlaces];
+  const Place place = _places ? _places[cnid % kRememberedPlaces] : Place{};
   if (place.node == 0 || place.cnid != cnid) {
     return std::nullopt;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -85,11 +86,14 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
     Slot slot;
   };
   struct ItemKey;
-  /// Where a file's record was found.
+  /// Where a file's record was found; all zero for nowhere.
   struct Place {
-    uint32_t cnid = 0;
-    uint32_t node = 0;
-    uint32_t record = 0;
+    uint32_t cnid;
+    uint32_t node;
+    uint32_t record;
+  };
+  struct Free {
+    void operator()(Place* places) const { std::free(places); }
   };
 
   explicit HFSPlusCatalog(HFSPlusVolumeAccess& volume);
@@ -114,7 +118,7 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
 
   bool _binaryKeyCompare = false;
   HFSPlusNameComparison _keyCompareProc = HFSPlusCompareNamesFolded;
-  /// By CNID: a run looks a file up when it plans its move and again when it has moved it. What is
-  /// remembered counts only if the record is still there.
-  std::vector<Place> _places;
+  /// By CNID: a run looks a file up to make room, to plan its move and to write its new extents.
+  /// What is remembered counts only if the record is still there.
+  std::unique_ptr<Place[], Free> _places;
 };

@@ -156,8 +156,6 @@ class HFSPlusVolume final : public XRDefragVolume,
   void _settleFreeBlocks();
   Result<HFSPlusFlushPlan> _planFlush();
   Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
-  Result<> _planBytes(HFSPlusFlushPlan& plan, uint32_t fileID, uint64_t offset,
-                      std::span<const std::byte> bytes);
   void _planHeaders(HFSPlusFlushPlan& plan);
   Result<std::optional<HFSPlusRecordPlace>> _findRecordPlace(
       const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks);

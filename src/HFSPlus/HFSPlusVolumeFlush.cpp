@@ -204,28 +204,21 @@ Result<HFSPlusFlushPlan> HFSPlusVolume::_planFlush() {
 }
 
 Result<> HFSPlusVolume::_planHeldWrites(HFSPlusFlushPlan& plan) {
-  for (const auto& [key, piece] : _heldWrites.pieces()) {
-    for (const auto& [offset, bytes] : piece.changes()) {
-      TRY(_planBytes(plan, key.fileID, key.offset + offset, bytes));
+  for (const auto& [key, held] : _heldWrites.pieces()) {
+    const HFSPlusForkData* forkData = hostForkData(key.fileID);
+    if (forkData == nullptr) {
+      return std::unexpected(XRDefragError::internalHere());
     }
-  }
-  return {};
-}
-
-/// Plans changed bytes of a special file, wherever its extents have them.
-Result<> HFSPlusVolume::_planBytes(HFSPlusFlushPlan& plan, uint32_t fileID, uint64_t offset,
-                                   std::span<const std::byte> bytes) {
-  const HFSPlusForkData* forkData = hostForkData(fileID);
-  if (forkData == nullptr) {
-    return std::unexpected(XRDefragError::internalHere());
-  }
-  while (!bytes.empty()) {
-    const HFSPlusTranslation place =
-        TRY(translateOffset(offset, fileID, kHFSDataForkType, *forkData));
-    const auto part = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
-    plan.add(place.offset, part, HFSPlusFlushPlan::Kind::SpecialFile);
-    bytes = bytes.subspan(part.size());
-    offset += part.size();
+    for (auto [offset, bytes] : held.changes()) {
+      while (!bytes.empty()) {
+        const HFSPlusTranslation place =
+            TRY(translateOffset(key.offset + offset, key.fileID, kHFSDataForkType, *forkData));
+        const auto piece = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
+        plan.add(place.offset, piece, HFSPlusFlushPlan::Kind::SpecialFile);
+        bytes = bytes.subspan(piece.size());
+        offset += piece.size();
+      }
+    }
   }
   return {};
 }
