@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "HFSPlus/HFSPlusHeldWrites.hpp"
@@ -85,11 +86,13 @@ Result<> HFSPlusFile::write(std::span<const std::byte> bytes, uint64_t offset) {
         "Write of file ID %1$lu at offset %2$llu and size %3$llu was out of range.", _fileID,
         offset, bytes.size()));
   }
-  // What cannot be read is taken for changed altogether.
+  HFSPlusHeldWrites& held = _volume.heldWrites();
   std::vector<std::byte> before(bytes.size());
-  if (!read(before, offset)) {
+  if (auto known = read(before, offset); !known) {
+    // A node that leaves its cache has nobody to tell: it is kept whole, and the flush fails.
     before.clear();
+    held.noteUnreadable(std::move(known).error());
   }
-  _volume.heldWrites().hold(_fileID, offset, bytes, before);
+  held.hold(_fileID, offset, bytes, before);
   return {};
 }

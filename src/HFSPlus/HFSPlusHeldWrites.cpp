@@ -113,4 +113,5 @@ void HFSPlusHeldWrites::overlay(uint32_t fileID, uint64_t offset,
 void HFSPlusHeldWrites::clear() {
   _pieces.clear();
   _byteCount = 0;
+  _unreadable.reset();
 }

@@ -3,8 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
+#include <utility>
 #include <vector>
+
+#include "XRDefragError.hpp"
 
 /// The metadata bytes that have left their caches and wait for the volume's next flush.
 ///
@@ -44,6 +48,11 @@ class HFSPlusHeldWrites {
   void hold(uint32_t fileID, uint64_t offset, std::span<const std::byte> bytes,
             std::span<const std::byte> before = {});
 
+  /// Remembers that bytes which are to be replaced could not be read.
+  void noteUnreadable(XRDefragError error) { _unreadable = std::move(error); }
+  /// That error, once; nothing if there was none since the last time or since clear().
+  std::optional<XRDefragError> takeUnreadable() { return std::exchange(_unreadable, std::nullopt); }
+
   /// Whether one held piece covers the whole range; if so it is copied into `bytes`.
   bool copyWhole(uint32_t fileID, uint64_t offset, std::span<std::byte> bytes) const;
 
@@ -62,4 +71,5 @@ class HFSPlusHeldWrites {
  private:
   Map _pieces;
   uint64_t _byteCount = 0;
+  std::optional<XRDefragError> _unreadable;
 };

@@ -1,6 +1,7 @@
 // How an HFSPlusVolume writes. The order of a flush, which is what keeps a volume whole:
 //
-//   1. The special files hand over what changed. Nothing is written if one of them cannot.
+//   1. The special files hand over what changed. Nothing is written if one of them cannot, or if
+//      what is to be replaced cannot be read.
 //   2. The plan is made: every sector that changes and its place, as the forks lie now.
 //   3. During a rewriting run the header on disk is marked as in flux, if it is not yet; synced.
 //   4. Sync: the file data that the new metadata describes is on stable storage. During a rewriting
@@ -121,6 +122,9 @@ Result<> HFSPlusVolume::writeAll(std::span<const Transfer> transfers, const MayG
 Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRanges& pendingBlocks) {
   TRY(_finishFlush());
   TRY(_flushSpecialFiles());
+  if (auto error = _heldWrites.takeUnreadable()) {
+    return std::unexpected(*std::move(error));
+  }
   HFSPlusFlushPlan plan = TRY(_planFlush());
   if (plan.empty()) {
     _heldWrites.clear();
