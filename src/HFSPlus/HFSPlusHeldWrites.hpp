@@ -41,7 +41,9 @@ class HFSPlusHeldWrites {
   };
   using Map = std::map<Key, Piece>;
 
-  static constexpr size_t kSectorBytes = 512;
+  /// The sectors of today's disks, whatever size they tell: a power failure may spoil the whole of
+  /// one that was being written, and what the flush writes is what its record can write again.
+  static constexpr size_t kSectorBytes = 4096;
 
   /// Keeps a copy of the bytes, in place of what was held there. `before` is what the device has in
   /// that place if nothing is held there, and of the same size; or empty when nobody knows.

@@ -76,19 +76,20 @@ TEST(HFSPlusHeldWrites, OnlySectorsThatDifferFromTheDeviceHaveChanged) {
     }
     return places;
   };
-  const auto before = filled(2500, 0);
+  constexpr size_t kSector = HFSPlusHeldWrites::kSectorBytes;
+  const auto before = filled(4 * kSector + 452, 0);
   auto bytes = before;
   HFSPlusHeldWrites held;
   held.hold(4, 0, bytes, before);
   EXPECT_TRUE(changesOf(held).empty());
-  bytes[511] = std::byte{1};
-  bytes[512] = std::byte{1};
+  bytes[kSector - 1] = std::byte{1};
+  bytes[kSector] = std::byte{1};
   held.hold(4, 0, bytes);
-  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 1024}}));
-  bytes[512] = std::byte{0};  // as on the device again: once changed, always written
-  bytes[2499] = std::byte{1};
+  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 2 * kSector}}));
+  bytes[kSector] = std::byte{0};  // as on the device again: once changed, always written
+  bytes.back() = std::byte{1};
   held.hold(4, 0, bytes);
-  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 1024}, {2048, 452}}));
+  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 2 * kSector}, {4 * kSector, 452}}));
 }
 
 TEST(HFSPlusHeldWrites, WhereNobodyKnowsWhatTheDeviceHasEverythingHasChanged) {

@@ -112,12 +112,13 @@ TEST(HFSPlusVolumeFlush, PiecesAreWrittenByAscendingPlaceBetweenTwoSyncs) {
 TEST(HFSPlusVolumeFlush, OnlySectorsThatChangeAreWritten) {
   OpenVolume volume;
   HFSPlusFile catalog(*volume, kHFSCatalogFileID);
-  std::vector<std::byte> node(4096);
-  ASSERT_TRUE(catalog.read(node, 4096));
-  for (const size_t changed : {size_t{512}, size_t{1023}, size_t{1024}, size_t{4095}}) {
-    node[changed] ^= std::byte{1};
+  constexpr size_t kSector = HFSPlusHeldWrites::kSectorBytes;
+  std::vector<std::byte> nodes(6 * kSector);
+  ASSERT_TRUE(catalog.read(nodes, 4096));
+  for (const size_t changed : {kSector, 2 * kSector - 1, 2 * kSector, 6 * kSector - 1}) {
+    nodes[changed] ^= std::byte{1};
   }
-  ASSERT_TRUE(catalog.write(node, 4096));
+  ASSERT_TRUE(catalog.write(nodes, 4096));
   const uint64_t place = volume
                              ->translateOffset(4096, kHFSCatalogFileID, kHFSDataForkType,
                                                *volume->hostForkData(kHFSCatalogFileID))
@@ -126,12 +127,14 @@ TEST(HFSPlusVolumeFlush, OnlySectorsThatChangeAreWritten) {
   ASSERT_TRUE(volume->flush());
   std::vector<std::pair<uint64_t, size_t>> written;
   for (const auto& change : volume.recording->changes()) {
-    if (change.call == Call::Write && change.offset >= place && change.offset < place + 4096) {
+    if (change.call == Call::Write && change.offset >= place &&
+        change.offset < place + nodes.size()) {
       written.emplace_back(change.offset - place, change.size);
     }
   }
-  EXPECT_EQ(written, (std::vector<std::pair<uint64_t, size_t>>{{512, 1024}, {3584, 512}}));
-  EXPECT_EQ(volume.memory->bytes(place, 4096), node);
+  EXPECT_EQ(written, (std::vector<std::pair<uint64_t, size_t>>{{kSector, 2 * kSector},
+                                                               {5 * kSector, kSector}}));
+  EXPECT_EQ(volume.memory->bytes(place, nodes.size()), nodes);
 }
 
 TEST(HFSPlusVolumeFlush, WhatIsAsItWasIsNotWritten) {
