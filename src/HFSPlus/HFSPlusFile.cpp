@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <memory>
 #include <new>
-#include <utility>
-#include <vector>
 
 #include "HFSPlus/HFSPlusHeldWrites.hpp"
 
@@ -86,13 +84,6 @@ Result<> HFSPlusFile::write(std::span<const std::byte> bytes, uint64_t offset) {
         "Write of file ID %1$lu at offset %2$llu and size %3$llu was out of range.", _fileID,
         offset, bytes.size()));
   }
-  HFSPlusHeldWrites& held = _volume.heldWrites();
-  std::vector<std::byte> before(bytes.size());
-  if (auto known = read(before, offset); !known) {
-    // A node that leaves its cache has nobody to tell: it is kept whole, and the flush fails.
-    before.clear();
-    held.noteUnreadable(std::move(known).error());
-  }
-  held.hold(_fileID, offset, bytes, before);
+  _volume.heldWrites().hold(_fileID, offset, bytes);
   return {};
 }

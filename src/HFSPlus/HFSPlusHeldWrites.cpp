@@ -1,72 +1,28 @@
 #include "HFSPlus/HFSPlusHeldWrites.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
-#include <utility>
 
 #include "LWKit/LWDebug.hpp"
 
-namespace {
-
-/// Marks the sectors in which two images of a unit differ.
-void markChanges(std::span<const std::byte> bytes, std::span<const std::byte> before,
-                 std::vector<bool>& changed) {
-  for (size_t sector = 0; sector < changed.size(); ++sector) {
-    const size_t offset = sector * HFSPlusHeldWrites::kSectorBytes;
-    const size_t size = std::min(HFSPlusHeldWrites::kSectorBytes, bytes.size() - offset);
-    if (std::memcmp(&bytes[offset], &before[offset], size) != 0) {
-      changed[sector] = true;
-    }
-  }
-}
-
-}  // namespace
-
-auto HFSPlusHeldWrites::Piece::changes() const -> std::vector<Change> {
-  std::vector<Change> runs;
-  const auto next = [&](size_t from, bool value) {
-    const auto found =
-        std::find(changed.begin() + static_cast<ptrdiff_t>(from), changed.end(), value);
-    return static_cast<size_t>(found - changed.begin());
-  };
-  for (size_t sector = next(0, true); sector < changed.size();) {
-    const size_t end = next(sector, false);
-    const size_t offset = sector * kSectorBytes;
-    const size_t size = std::min(end * kSectorBytes, bytes.size()) - offset;
-    runs.push_back({offset, std::span(bytes).subspan(offset, size)});
-    sector = next(end, true);
-  }
-  return runs;
-}
-
-void HFSPlusHeldWrites::hold(uint32_t fileID, uint64_t offset, std::span<const std::byte> bytes,
-                             std::span<const std::byte> before) {
+void HFSPlusHeldWrites::hold(uint32_t fileID, uint64_t offset, std::span<const std::byte> bytes) {
   if (bytes.empty()) {
     return;
   }
-  LW_ASSERT(before.empty() || before.size() == bytes.size());
   const auto next = _pieces.lower_bound({.fileID = fileID, .offset = offset});
   if (next != _pieces.end() && next->first == Key{.fileID = fileID, .offset = offset}) {
-    Piece& held = next->second;
-    LW_ASSERT(held.bytes.size() == bytes.size());
-    markChanges(bytes, held.bytes, held.changed);
-    std::ranges::copy(bytes, held.bytes.begin());
+    LW_ASSERT(next->second.size() == bytes.size());
+    std::ranges::copy(bytes, next->second.begin());
     return;
   }
   LW_ASSERT(next == _pieces.end() || next->first.fileID != fileID ||
             next->first.offset - offset >= bytes.size());
   if (next != _pieces.begin()) {
     const auto& [key, previous] = *std::prev(next);
-    LW_ASSERT(key.fileID != fileID || offset - key.offset >= previous.bytes.size());
+    LW_ASSERT(key.fileID != fileID || offset - key.offset >= previous.size());
   }
-  Piece piece{.bytes{bytes.begin(), bytes.end()},
-              .changed = std::vector<bool>((bytes.size() + kSectorBytes - 1) / kSectorBytes,
-                                           before.empty())};
-  if (!before.empty()) {
-    markChanges(bytes, before, piece.changed);
-  }
-  _pieces.emplace_hint(next, Key{.fileID = fileID, .offset = offset}, std::move(piece));
+  _pieces.emplace_hint(next, Key{.fileID = fileID, .offset = offset},
+                       std::vector<std::byte>(bytes.begin(), bytes.end()));
   _byteCount += bytes.size();
 }
 
@@ -77,8 +33,7 @@ bool HFSPlusHeldWrites::copyWhole(uint32_t fileID, uint64_t offset,
     return false;
   }
   --piece;
-  const Key& key = piece->first;
-  const std::vector<std::byte>& held = piece->second.bytes;
+  const auto& [key, held] = *piece;
   const uint64_t skipped = offset - key.offset;
   if (key.fileID != fileID || skipped > held.size() || bytes.size() > held.size() - skipped) {
     return false;
@@ -95,8 +50,7 @@ void HFSPlusHeldWrites::overlay(uint32_t fileID, uint64_t offset,
   }
   const uint64_t end = offset + bytes.size();
   for (; piece != _pieces.end(); ++piece) {
-    const Key& key = piece->first;
-    const std::vector<std::byte>& held = piece->second.bytes;
+    const auto& [key, held] = *piece;
     if (key.fileID > fileID || (key.fileID == fileID && key.offset >= end)) {
       return;
     }
@@ -113,5 +67,4 @@ void HFSPlusHeldWrites::overlay(uint32_t fileID, uint64_t offset,
 void HFSPlusHeldWrites::clear() {
   _pieces.clear();
   _byteCount = 0;
-  _unreadable.reset();
 }

@@ -1,8 +1,7 @@
 // How an HFSPlusVolume writes. The order of a flush, which is what keeps a volume whole:
 //
-//   1. The special files hand over what changed. Nothing is written if one of them cannot, or if
-//      what is to be replaced cannot be read.
-//   2. The plan is made: every sector that changes and its place, as the forks lie now.
+//   1. The special files hand over what changed. Nothing is written if one of them cannot.
+//   2. The plan is made: every byte of the flush and its place, as the forks lie now.
 //   3. During a rewriting run the header on disk is marked as in flux, if it is not yet; synced.
 //   4. Sync: the file data that the new metadata describes is on stable storage. During a rewriting
 //      run the plan is written down in the run's log as well; from here it happens, crash or no
@@ -122,12 +121,8 @@ Result<> HFSPlusVolume::writeAll(std::span<const Transfer> transfers, const MayG
 Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRanges& pendingBlocks) {
   TRY(_finishFlush());
   TRY(_flushSpecialFiles());
-  if (auto error = _heldWrites.takeUnreadable()) {
-    return std::unexpected(*std::move(error));
-  }
   HFSPlusFlushPlan plan = TRY(_planFlush());
   if (plan.empty()) {
-    _heldWrites.clear();
     return FlushOutcome::Flushed;
   }
   TRY(_markInFlux());
@@ -213,15 +208,15 @@ Result<> HFSPlusVolume::_planHeldWrites(HFSPlusFlushPlan& plan) {
     if (forkData == nullptr) {
       return std::unexpected(XRDefragError::internalHere());
     }
-    for (auto [offset, bytes] : held.changes()) {
-      while (!bytes.empty()) {
-        const HFSPlusTranslation place =
-            TRY(translateOffset(key.offset + offset, key.fileID, kHFSDataForkType, *forkData));
-        const auto piece = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
-        plan.add(place.offset, piece, HFSPlusFlushPlan::Kind::SpecialFile);
-        bytes = bytes.subspan(piece.size());
-        offset += piece.size();
-      }
+    std::span<const std::byte> bytes = held;
+    uint64_t offset = key.offset;
+    while (!bytes.empty()) {
+      const HFSPlusTranslation place =
+          TRY(translateOffset(offset, key.fileID, kHFSDataForkType, *forkData));
+      const auto piece = bytes.first(std::min<uint64_t>(place.length, bytes.size()));
+      plan.add(place.offset, piece, HFSPlusFlushPlan::Kind::SpecialFile);
+      bytes = bytes.subspan(piece.size());
+      offset += piece.size();
     }
   }
   return {};

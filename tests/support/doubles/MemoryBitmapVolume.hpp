@@ -58,9 +58,7 @@ class MemoryBitmapVolume final : public HFSPlusVolumeAccess {
   /// Writes what is held, as a volume's flush does.
   void writeHeld() {
     for (const auto& [key, piece] : held.pieces()) {
-      for (const auto& [offset, changed] : piece.changes()) {
-        std::ranges::copy(changed, &bytes.at(key.offset + offset));
-      }
+      std::ranges::copy(piece, bytes.begin() + static_cast<std::ptrdiff_t>(key.offset));
     }
     held.clear();
   }

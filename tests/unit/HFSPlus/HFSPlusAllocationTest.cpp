@@ -69,7 +69,7 @@ TEST(HFSPlusAllocation, AFileThatEndsInsideABlockIsReadAndWrittenToItsEnd) {
   }
   ASSERT_TRUE(allocation->flush());
   ASSERT_EQ(volume.held.pieces().size(), 1U);
-  EXPECT_EQ(volume.held.pieces().begin()->second.bytes.size(), 7232U);
+  EXPECT_EQ(volume.held.pieces().begin()->second.size(), 7232U);
   volume.writeHeld();
   EXPECT_EQ(volume.bytes[39998], std::byte{0xA5});
   EXPECT_EQ(volume.bytes[39999], std::byte{0xFF});
@@ -110,7 +110,7 @@ TEST(HFSPlusAllocation, ARangeCrossesChunkBoundaries) {
   EXPECT_EQ(volume.held.pieces().size(), 3U);
   for (const auto& [key, piece] : volume.held.pieces()) {
     EXPECT_EQ(key.offset % 32768, 0U);
-    EXPECT_EQ(piece.bytes.size(), 32768U);
+    EXPECT_EQ(piece.size(), 32768U);
   }
   volume.writeHeld();
   EXPECT_FALSE(volume.bit(kBlocksPerChunk - 4));

@@ -169,7 +169,7 @@ TEST(HFSPlusCatalog, RewrittenExtentsLeaveWithTheNextFlush) {
   ASSERT_TRUE(catalog->updateForkExtents(kExtents, 70, kHFSDataForkType, false));
   ASSERT_TRUE(catalog->flush());
   ASSERT_EQ(tree.heldWrites().pieces().size(), 1U);
-  const auto& [key, piece] = *tree.heldWrites().pieces().begin();
+  const auto& [key, bytes] = *tree.heldWrites().pieces().begin();
   const auto place = tree.place(20, u"target");
   EXPECT_EQ(key.offset, uint64_t{place.node} * tree.nodeSize);
   // The held node is the old one but for the eight extents.
@@ -179,7 +179,7 @@ TEST(HFSPlusCatalog, RewrittenExtentsLeaveWithTheNextFlush) {
                      static_cast<ptrdiff_t>(offsetof(HFSPlusCatalogFile, dataFork) +
                                             offsetof(HFSPlusForkData, extents));
   std::ranges::copy(toDisk(kExtents).bytes, expected.begin() + start);
-  EXPECT_EQ(piece.bytes, expected);
+  EXPECT_EQ(bytes, expected);
 }
 
 TEST(HFSPlusCatalog, AnotherForkTypeIsRefusedBeforeAnythingIsRead) {

@@ -67,40 +67,6 @@ TEST(HFSPlusHeldWritesDeathTest, PiecesThatOverlapAreAMistakeOfTheProgram) {
   EXPECT_DEATH(held.hold(4, 1024, filled(512, 1)), "assertion failed");
 }
 
-TEST(HFSPlusHeldWrites, OnlySectorsThatDifferFromTheDeviceHaveChanged) {
-  using Place = std::pair<size_t, size_t>;
-  const auto changesOf = [](const HFSPlusHeldWrites& held) {
-    std::vector<Place> places;
-    for (const auto& [offset, bytes] : held.pieces().begin()->second.changes()) {
-      places.emplace_back(offset, bytes.size());
-    }
-    return places;
-  };
-  constexpr size_t kSector = HFSPlusHeldWrites::kSectorBytes;
-  const auto before = filled(4 * kSector + 452, 0);
-  auto bytes = before;
-  HFSPlusHeldWrites held;
-  held.hold(4, 0, bytes, before);
-  EXPECT_TRUE(changesOf(held).empty());
-  bytes[kSector - 1] = std::byte{1};
-  bytes[kSector] = std::byte{1};
-  held.hold(4, 0, bytes);
-  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 2 * kSector}}));
-  bytes[kSector] = std::byte{0};  // as on the device again: once changed, always written
-  bytes.back() = std::byte{1};
-  held.hold(4, 0, bytes);
-  EXPECT_EQ(changesOf(held), (std::vector<Place>{{0, 2 * kSector}, {4 * kSector, 452}}));
-}
-
-TEST(HFSPlusHeldWrites, WhereNobodyKnowsWhatTheDeviceHasEverythingHasChanged) {
-  HFSPlusHeldWrites held;
-  held.hold(4, 0, filled(1300, 0));
-  const auto changes = held.pieces().begin()->second.changes();
-  ASSERT_EQ(changes.size(), 1U);
-  EXPECT_EQ(changes.front().offset, 0U);
-  EXPECT_EQ(changes.front().bytes.size(), 1300U);
-}
-
 TEST(HFSPlusHeldWrites, ReadsThroughItEqualAPlainArrayThatWasWritten) {
   constexpr size_t kUnit = 64;
   constexpr size_t kUnits = 32;

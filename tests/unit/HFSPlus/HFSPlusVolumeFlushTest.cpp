@@ -95,8 +95,9 @@ TEST(HFSPlusVolumeFlush, PiecesAreWrittenByAscendingPlaceBetweenTwoSyncs) {
   const std::vector<std::byte> bytes(kBlockSize, std::byte{0x11});
   ASSERT_TRUE(volume->write(bytes, uint64_t{kFree.start} * kBlockSize));
   ASSERT_TRUE(volume->allocation().set(kFree.start, 1));
-  ASSERT_TRUE(
-      volume->catalog().updateForkExtents({{{kFree.start, 1}}}, 16, kHFSDataForkType, false));
+  const HFSPlusCatalogRecord record = *volume->catalog().copyRecordForCNID(16);
+  ASSERT_TRUE(volume->catalog().updateForkExtents(record.file().dataFork.extents, 16,
+                                                  kHFSDataForkType, false));
   volume.recording->clear();
   ASSERT_TRUE(volume->flush());
   const Records changes = volume.recording->changes();
@@ -107,46 +108,6 @@ TEST(HFSPlusVolumeFlush, PiecesAreWrittenByAscendingPlaceBetweenTwoSyncs) {
     EXPECT_EQ(changes[i].call, Call::Write);
     EXPECT_TRUE(i == 1 || changes[i].offset >= changes[i - 1].offset + changes[i - 1].size);
   }
-}
-
-TEST(HFSPlusVolumeFlush, OnlySectorsThatChangeAreWritten) {
-  OpenVolume volume;
-  HFSPlusFile catalog(*volume, kHFSCatalogFileID);
-  constexpr size_t kSector = HFSPlusHeldWrites::kSectorBytes;
-  std::vector<std::byte> nodes(6 * kSector);
-  ASSERT_TRUE(catalog.read(nodes, 4096));
-  for (const size_t changed : {kSector, 2 * kSector - 1, 2 * kSector, 6 * kSector - 1}) {
-    nodes[changed] ^= std::byte{1};
-  }
-  ASSERT_TRUE(catalog.write(nodes, 4096));
-  const uint64_t place = volume
-                             ->translateOffset(4096, kHFSCatalogFileID, kHFSDataForkType,
-                                               *volume->hostForkData(kHFSCatalogFileID))
-                             ->offset;
-  volume.recording->clear();
-  ASSERT_TRUE(volume->flush());
-  std::vector<std::pair<uint64_t, size_t>> written;
-  for (const auto& change : volume.recording->changes()) {
-    if (change.call == Call::Write && change.offset >= place &&
-        change.offset < place + nodes.size()) {
-      written.emplace_back(change.offset - place, change.size);
-    }
-  }
-  EXPECT_EQ(written, (std::vector<std::pair<uint64_t, size_t>>{{kSector, 2 * kSector},
-                                                               {5 * kSector, kSector}}));
-  EXPECT_EQ(volume.memory->bytes(place, nodes.size()), nodes);
-}
-
-TEST(HFSPlusVolumeFlush, WhatIsAsItWasIsNotWritten) {
-  OpenVolume volume;
-  HFSPlusFile catalog(*volume, kHFSCatalogFileID);
-  std::vector<std::byte> node(4096);
-  ASSERT_TRUE(catalog.read(node, 4096));
-  ASSERT_TRUE(catalog.write(node, 4096));
-  volume.recording->clear();
-  ASSERT_TRUE(volume->flush());
-  EXPECT_TRUE(volume.recording->changes().empty());
-  EXPECT_TRUE(volume->heldWrites().empty());
 }
 
 TEST(HFSPlusVolumeFlush, HeldBytesGoWhereTheFileLiesAtTheFlush) {

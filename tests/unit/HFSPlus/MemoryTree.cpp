@@ -86,9 +86,9 @@ void MemoryTreeVolume::setUsed(uint32_t index, bool used) {
 
 std::vector<uint32_t> MemoryTreeVolume::heldNodes() const {
   std::vector<uint32_t> nodes;
-  for (const auto& [key, piece] : _heldWrites.pieces()) {
+  for (const auto& [key, bytes] : _heldWrites.pieces()) {
     EXPECT_EQ(key.fileID, _fileID);
-    EXPECT_EQ(piece.bytes.size(), _nodeSize);
+    EXPECT_EQ(bytes.size(), _nodeSize);
     EXPECT_EQ(key.offset % _nodeSize, 0U);
     nodes.push_back(static_cast<uint32_t>(key.offset / _nodeSize));
   }
@@ -97,10 +97,8 @@ std::vector<uint32_t> MemoryTreeVolume::heldNodes() const {
 
 std::vector<uint32_t> MemoryTreeVolume::writeHeld() {
   std::vector<uint32_t> nodes = heldNodes();
-  for (const auto& [key, piece] : _heldWrites.pieces()) {
-    for (const auto& [offset, changed] : piece.changes()) {
-      std::ranges::copy(changed, &_bytes.at(key.offset + offset));
-    }
+  for (const auto& [key, bytes] : _heldWrites.pieces()) {
+    std::ranges::copy(bytes, &_bytes.at(key.offset));
   }
   _heldWrites.clear();
   return nodes;
