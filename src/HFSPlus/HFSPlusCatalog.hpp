@@ -86,7 +86,7 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
     Slot slot;
   };
   struct ItemKey;
-  /// Where a file's record was found; all zero for nowhere.
+  /// Where a file's record was found; all zero when none was.
   struct Place {
     uint32_t cnid;
     uint32_t node;
