@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
+
 namespace {
 
 constexpr size_t kPage = 4096;  // bytes
