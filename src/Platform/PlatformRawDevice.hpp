@@ -39,8 +39,8 @@ class PlatformRawDevice final : public PlatformDevice {
   std::expected<size_t, int> writeOnceAt(std::span<const std::byte> bytes,
                                          uint64_t offset) override;
   /// Small transfers wait for the device's answer more than for its bytes, so that several on their
-  /// way at once take less time than one after another.
-  unsigned transfersAtOnce() const override { return 8; }
+  /// way at once take less time than one after another. Not more than a disk's own queue takes.
+  unsigned transfersAtOnce() const override { return 32; }
   std::expected<void, int> sync() override;
   uint32_t blockSize() const override { return _blockSize; }
   uint64_t blockCount() const override { return _blockCount; }

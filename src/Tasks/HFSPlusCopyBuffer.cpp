@@ -9,7 +9,6 @@ constexpr uint64_t kDefaultSize = 0x1000000;  // when nobody knows how much memo
 constexpr uint64_t kMaxSize = 0x4000000;
 constexpr uint64_t kMemoryForMaxSize = 0x40000000;
 constexpr uint64_t kMemoryPerByte = 16;
-constexpr uint64_t kAlignment = 4096;
 
 }  // namespace
 
@@ -23,8 +22,7 @@ uint64_t HFSPlusCopyBuffer::sizeForMemory(std::optional<uint64_t> physicalMemory
 
 Result<HFSPlusCopyBuffer> HFSPlusCopyBuffer::open(uint64_t bytes, uint32_t blockSize) {
   const uint64_t blockCount = std::clamp<uint64_t>(bytes / blockSize, 1, UINT32_MAX);
-  const uint64_t size = (blockCount * blockSize + kAlignment - 1) / kAlignment * kAlignment;
-  Data data(static_cast<std::byte*>(std::aligned_alloc(kAlignment, size)));
+  PlatformPages data = PlatformAllocatePages(blockCount * blockSize);
   if (data == nullptr) {
     return std::unexpected(XRDefragError::localized("Out of memory."));
   }

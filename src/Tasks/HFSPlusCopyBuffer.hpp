@@ -2,15 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <optional>
 #include <span>
 
+#include "Platform/PlatformPages.hpp"
 #include "XRDefragError.hpp"
 
-/// The memory through which a run copies blocks; one allocation for the whole run, aligned so that
-/// transfers to and from it can bypass the system's own cache.
+/// The memory through which a run copies blocks; one allocation for the whole run, in pages of
+/// its own, so that transfers to and from it can bypass the system's cache.
 class HFSPlusCopyBuffer {
  public:
   /// Bytes for a machine with so much memory: a sixteenth of it, at most 64 MiB.
@@ -29,15 +28,10 @@ class HFSPlusCopyBuffer {
   }
 
  private:
-  struct Free {
-    void operator()(std::byte* bytes) const { std::free(bytes); }
-  };
-  using Data = std::unique_ptr<std::byte[], Free>;
-
-  HFSPlusCopyBuffer(Data data, uint32_t blockCount, uint32_t blockSize)
+  HFSPlusCopyBuffer(PlatformPages data, uint32_t blockCount, uint32_t blockSize)
       : _copyBufferData(std::move(data)), _copyBufferBlocks(blockCount), _blockSize(blockSize) {}
 
-  Data _copyBufferData;
+  PlatformPages _copyBufferData;
   uint32_t _copyBufferBlocks;
   uint32_t _blockSize;
 };
