@@ -251,7 +251,10 @@ void Surgeon::plantLocator(const Edit& edit) {
                                          .blockSize = header.blockSize,
                                          .totalBlocks = header.totalBlocks,
                                          .writeCount = locator.writeCount};
-    const auto record = HFSPlusFlushRecord::toDisk(plan, identity, locator.sequence);
+    Bytes record;
+    for (const auto part : HFSPlusFlushRecord::toDisk(plan, identity, locator.sequence).parts) {
+      record.insert(record.end(), part.begin(), part.end());
+    }
     locator.recordBlock = (edit.value >> 8) % header.totalBlocks;
     locator.recordBytes = static_cast<uint32_t>(record.size());
     locator.runBlocks =

@@ -8,6 +8,7 @@
 // "copy" writes what it has read, at other places: FILE is of no use afterwards.
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +29,7 @@ namespace {
 constexpr size_t kWriteBytes = 64 << 10;
 constexpr size_t kBufferBytes = 64 << 20;
 constexpr size_t kAlignment = 4096;
+constexpr size_t kLargePage = 2 << 20;
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "floor: %s: %s\n", what, std::strerror(errno));
@@ -100,7 +102,8 @@ int copy(const char* tracePath, const char* path) {
     fail(path);
   }
   const std::unique_ptr<char, decltype(&std::free)> buffer(
-      static_cast<char*>(std::aligned_alloc(kAlignment, kBufferBytes)), &std::free);
+      static_cast<char*>(std::aligned_alloc(kLargePage, kBufferBytes)), &std::free);
+  ::madvise(buffer.get(), kBufferBytes, MADV_HUGEPAGE);
   std::fill_n(buffer.get(), kBufferBytes, 'x');
 
   // Walks through the buffer as the run did, reading and then writing.

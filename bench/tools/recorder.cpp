@@ -1,11 +1,12 @@
 // Writes down what a program transfers: preloaded into it, notes every positioned read and write
 // and every sync, and writes them to the file that TRANSFER_TRACE names when the program exits.
 //
-// Transfers to and from the copy buffer are told from metadata by their address: the copy buffer is
-// the one large block of aligned memory that the program asks for.
+// Transfers to and from the copy buffer are told from metadata by their address: nothing else that
+// the program asks the system for is as large.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -17,7 +18,7 @@
 
 namespace {
 
-constexpr size_t kCopyBufferBytesMin = 64 << 10;
+constexpr size_t kCopyBufferBytesMin = 8 << 20;
 
 class Recorder {
  public:
@@ -110,10 +111,10 @@ int fdatasync(int file) {
   return outcome;
 }
 
-void* aligned_alloc(size_t alignment, size_t size) {
-  static const auto call = next<void* (*)(size_t, size_t)>("aligned_alloc");
-  void* memory = call(alignment, size);
-  if (memory != nullptr && size >= kCopyBufferBytesMin) {
+void* mmap64(void* place, size_t size, int protection, int flags, int file, off64_t offset) {
+  static const auto call = next<void* (*)(void*, size_t, int, int, int, off64_t)>("mmap64");
+  void* memory = call(place, size, protection, flags, file, offset);
+  if (memory != MAP_FAILED && size >= kCopyBufferBytesMin) {
     recorder().noteCopyBuffer(memory, size);
   }
   return memory;

@@ -28,13 +28,16 @@ void writeHeader(std::byte* header, const HFSPlusRunIdentity& identity, uint32_t
   writeBigEndian(header + 48, recordBytes);
 }
 
-/// The checksum of a record, in which its own field counts as zero.
-uint64_t recordChecksum(std::span<const std::byte> record) {
+/// The checksum of a record in parts, whose own field, in the first part, counts as zero.
+uint64_t recordChecksum(std::span<const std::span<const std::byte>> parts) {
   constexpr std::array<std::byte, sizeof(uint64_t)> kZero{};
   LWChecksum checksum;
-  checksum.add(record.first(kChecksumOffset));
+  checksum.add(parts.front().first(kChecksumOffset));
   checksum.add(kZero);
-  checksum.add(record.subspan(HFSPlusFlushRecord::kHeaderBytes));
+  checksum.add(parts.front().subspan(HFSPlusFlushRecord::kHeaderBytes));
+  for (const std::span<const std::byte> part : parts.subspan(1)) {
+    checksum.add(part);
+  }
   return checksum.value();
 }
 
@@ -44,20 +47,23 @@ uint64_t HFSPlusFlushRecord::bytesFor(const HFSPlusFlushPlan& plan) {
   return kHeaderBytes + plan.pieces().size() * kRangeBytes + plan.byteCount();
 }
 
-std::vector<std::byte> HFSPlusFlushRecord::toDisk(const HFSPlusFlushPlan& plan,
-                                                  const HFSPlusRunIdentity& identity,
-                                                  uint32_t sequence) {
-  std::vector<std::byte> record(bytesFor(plan));
-  writeHeader(record.data(), identity, sequence, plan.pieces().size(), record.size());
-  std::byte* range = record.data() + kHeaderBytes;
-  std::byte* content = range + plan.pieces().size() * kRangeBytes;
+HFSPlusFlushRecord::OnDisk HFSPlusFlushRecord::toDisk(const HFSPlusFlushPlan& plan,
+                                                      const HFSPlusRunIdentity& identity,
+                                                      uint32_t sequence) {
+  const size_t rangeCount = plan.pieces().size();
+  OnDisk record;
+  record.head.resize(kHeaderBytes + rangeCount * kRangeBytes);
+  record.parts.reserve(1 + rangeCount);
+  record.parts.emplace_back(record.head);
+  writeHeader(record.head.data(), identity, sequence, rangeCount, bytesFor(plan));
+  std::byte* range = record.head.data() + kHeaderBytes;
   for (const HFSPlusFlushPlan::Piece& piece : plan.pieces()) {
     writeBigEndian(range, piece.offset);
     writeBigEndian(range + 8, uint64_t{piece.bytes.size()});
     range += kRangeBytes;
-    content = std::ranges::copy(piece.bytes, content).out;
+    record.parts.push_back(piece.bytes);
   }
-  writeBigEndian(record.data() + kChecksumOffset, recordChecksum(record));
+  writeBigEndian(record.head.data() + kChecksumOffset, recordChecksum(record.parts));
   return record;
 }
 
@@ -75,7 +81,8 @@ std::optional<HFSPlusFlushRecord> HFSPlusFlushRecord::fromDisk(std::vector<std::
   std::array<std::byte, kChecksumOffset> expected;
   writeHeader(expected.data(), identity, sequence, rangeCount, bytes.size());
   if (std::memcmp(expected.data(), bytes.data(), expected.size()) != 0 ||
-      readBigEndian<uint64_t>(bytes.data() + kChecksumOffset) != recordChecksum(bytes)) {
+      readBigEndian<uint64_t>(bytes.data() + kChecksumOffset) !=
+          recordChecksum(std::array{std::span<const std::byte>(bytes)})) {
     return std::nullopt;
   }
 

@@ -44,6 +44,13 @@ class HFSPlusFlushRecord {
     std::span<const std::byte> bytes;
   };
 
+  /// The parts of a record, to be written one after another. A plan may be large, and its bytes are
+  /// not copied: they are the plan's.
+  struct OnDisk {
+    std::vector<std::byte> head;  // the first part
+    std::vector<std::span<const std::byte>> parts;
+  };
+
   // The ranges refer to the record's own bytes, which stay where they are when it is moved.
   HFSPlusFlushRecord(HFSPlusFlushRecord&&) = default;
   HFSPlusFlushRecord& operator=(HFSPlusFlushRecord&&) = default;
@@ -54,9 +61,8 @@ class HFSPlusFlushRecord {
   [[nodiscard]] static uint64_t bytesFor(const HFSPlusFlushPlan& plan);
 
   /// The record of a plan as it is written to disk.
-  [[nodiscard]] static std::vector<std::byte> toDisk(const HFSPlusFlushPlan& plan,
-                                                     const HFSPlusRunIdentity& identity,
-                                                     uint32_t sequence);
+  [[nodiscard]] static OnDisk toDisk(const HFSPlusFlushPlan& plan,
+                                     const HFSPlusRunIdentity& identity, uint32_t sequence);
 
   /// Reads a record back; nothing unless it is whole, of this volume, run and sequence, and its
   /// ranges rise without overlap inside the volume's `volumeBytes`.

@@ -7,11 +7,52 @@
 namespace {
 
 constexpr uint64_t kSectorBytes = 512;
+constexpr size_t kTransferBytes = size_t{1} << 20;
 
 /// Whole sectors, which is what is transferred.
 uint64_t wholeSectors(uint64_t bytes) {
   return (bytes + kSectorBytes - 1) / kSectorBytes * kSectorBytes;
 }
+
+/// Writes bytes one after another, from a byte offset of the device on, in few transfers.
+class SectorWriter {
+ public:
+  SectorWriter(XRDefragVolume& device, std::span<std::byte> buffer, uint64_t offset)
+      : _device(device), _buffer(buffer), _offset(offset) {}
+
+  Result<> append(std::span<const std::byte> bytes) {
+    while (!bytes.empty()) {
+      const auto part = bytes.first(std::min(bytes.size(), _buffer.size() - _used));
+      std::ranges::copy(part, _buffer.begin() + static_cast<ptrdiff_t>(_used));
+      _used += part.size();
+      bytes = bytes.subspan(part.size());
+      if (_used == _buffer.size()) {
+        TRY(_send());
+      }
+    }
+    return {};
+  }
+
+  /// Fills up the last sector with zeros.
+  Result<> finish() {
+    std::ranges::fill(_buffer.first(wholeSectors(_used)).subspan(_used), std::byte{0});
+    _used = wholeSectors(_used);
+    return _send();
+  }
+
+ private:
+  Result<> _send() {
+    TRY(_device.write(_buffer.first(_used), _offset));
+    _offset += _used;
+    _used = 0;
+    return {};
+  }
+
+  XRDefragVolume& _device;
+  std::span<std::byte> _buffer;
+  size_t _used = 0;
+  uint64_t _offset;
+};
 
 }  // namespace
 
@@ -38,22 +79,37 @@ void HFSPlusRecordPlace::addTo(HFSPlusBlockRanges& blocks) const {
 }
 
 Result<> HFSPlusRecordPlace::write(XRDefragVolume& device, HFSPlusVolumePlace place,
-                                   std::span<const std::byte> record) const {
+                                   std::span<const std::span<const std::byte>> record) const {
+  std::vector<std::byte> buffer(std::min<uint64_t>(kTransferBytes, wholeSectors(_recordBytes)));
+  std::span<const std::byte> part;
   for (size_t i = 0; i < _runs.size(); ++i) {
-    const HFSPlusExtentDescriptor run = _runs[i];
-    const uint64_t room = uint64_t{run.blockCount} * _blockSize - kLinkBytes;
-    const auto part = record.first(std::min<uint64_t>(room, record.size()));
-    record = record.subspan(part.size());
-
-    std::vector<std::byte> bytes(wholeSectors(kLinkBytes + part.size()));
-    if (i + 1 < _runs.size()) {
-      writeBigEndian(bytes.data(), uint32_t{_runs[i + 1].startBlock});
-      writeBigEndian(bytes.data() + 4, uint32_t{_runs[i + 1].blockCount});
+    SectorWriter writer(device, buffer,
+                        place.startOffset + uint64_t{_runs[i].startBlock} * _blockSize);
+    TRY(writer.append(_linkTo(i + 1)));
+    uint64_t room = uint64_t{_runs[i].blockCount} * _blockSize - kLinkBytes;
+    while (room > 0 && (!part.empty() || !record.empty())) {
+      if (part.empty()) {
+        part = record.front();
+        record = record.subspan(1);
+      }
+      const auto fitting = part.first(std::min<uint64_t>(room, part.size()));
+      TRY(writer.append(fitting));
+      part = part.subspan(fitting.size());
+      room -= fitting.size();
     }
-    std::ranges::copy(part, bytes.begin() + kLinkBytes);
-    TRY(device.write(bytes, place.startOffset + uint64_t{run.startBlock} * _blockSize));
+    TRY(writer.finish());
   }
   return {};
+}
+
+/// What leads to a run, on disk; nowhere when there is none.
+auto HFSPlusRecordPlace::_linkTo(size_t run) const -> Link {
+  Link link{};
+  if (run < _runs.size()) {
+    writeBigEndian(link.data(), uint32_t{_runs[run].startBlock});
+    writeBigEndian(link.data() + 4, uint32_t{_runs[run].blockCount});
+  }
+  return link;
 }
 
 Result<std::optional<std::vector<std::byte>>> HFSPlusRecordPlace::read(

@@ -107,8 +107,8 @@ Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, const HFSPlusRecord
   const auto record = HFSPlusFlushRecord::toDisk(plan, _identity, locator.sequence);
   locator.recordBlock = place.runs().front().startBlock;
   locator.runBlocks = place.runs().front().blockCount;
-  locator.recordBytes = static_cast<uint32_t>(record.size());
-  TRY(place.write(_device, _place, record));
+  locator.recordBytes = static_cast<uint32_t>(HFSPlusFlushRecord::bytesFor(plan));
+  TRY(place.write(_device, _place, record.parts));
   TRY(_device.synchronize());
   TRY(_writeLocator(locator));
 

@@ -32,7 +32,13 @@ class FlushRecord : public testing::Test {
     _plan.sort();
   }
 
-  Bytes onDisk() const { return HFSPlusFlushRecord::toDisk(_plan, kIdentity, kSequence); }
+  Bytes onDisk() const {
+    Bytes bytes;
+    for (const auto part : HFSPlusFlushRecord::toDisk(_plan, kIdentity, kSequence).parts) {
+      bytes.insert(bytes.end(), part.begin(), part.end());
+    }
+    return bytes;
+  }
 
   static std::optional<HFSPlusFlushRecord> read(Bytes bytes) {
     return HFSPlusFlushRecord::fromDisk(std::move(bytes), kIdentity, kSequence, kVolumeBytes);

@@ -23,6 +23,19 @@ Bytes randomBytes(size_t size) {
   return bytes;
 }
 
+using Parts = std::vector<std::span<const std::byte>>;
+
+/// The bytes in parts of this many, the last of the rest.
+Parts partsOf(std::span<const std::byte> bytes, size_t size) {
+  Parts parts;
+  while (bytes.size() > size) {
+    parts.push_back(bytes.first(size));
+    bytes = bytes.subspan(size);
+  }
+  parts.push_back(bytes);
+  return parts;
+}
+
 class RecordPlace : public testing::Test {
  protected:
   std::optional<Bytes> read(HFSPlusExtentDescriptor first, uint64_t bytes) {
@@ -74,17 +87,38 @@ TEST_F(RecordPlace, ARecordComesBackFromHoweverManyRuns) {
       for (uint32_t i = 0; !place.add(block, i % longest + 1); ++i) {
         block -= (i + 1) % longest + 2;
       }
-      ASSERT_TRUE(place.write(_device, kPlace, record));
-      EXPECT_EQ(read(place.runs().front(), size), record);
+      for (const size_t partSize : {size_t{1}, size_t{500}, size}) {
+        ASSERT_TRUE(place.write(_device, kPlace, partsOf(record, partSize)));
+        EXPECT_EQ(read(place.runs().front(), size), record);
+      }
     }
   }
+}
+
+TEST_F(RecordPlace, ARecordOfSeveralTransfersComesBack) {
+  constexpr uint32_t kLargeBlock = 4096;
+  constexpr HFSPlusVolumePlace kLargePlace{.startOffset = 1024, .sizeBytes = 1024 * kLargeBlock};
+  XRDefragVolume device(
+      "/nowhere/volume",
+      std::make_shared<doubles::MemoryDevice>(kLargePlace.startOffset + kLargePlace.sizeBytes),
+      false, true);
+  const Bytes record = randomBytes((size_t{5} << 19) + 77);
+  HFSPlusRecordPlace place(record.size(), kLargeBlock);
+  ASSERT_FALSE(place.add(700, 257));
+  ASSERT_TRUE(place.add(3, 600));
+  ASSERT_TRUE(place.write(device, kLargePlace, partsOf(record, 8191)));
+  const auto read = HFSPlusRecordPlace::read(device, kLargePlace, kLargeBlock, place.runs().front(),
+                                             record.size());
+  ASSERT_TRUE(read && *read);
+  EXPECT_TRUE(**read == record);
 }
 
 TEST_F(RecordPlace, NothingBesideItsRunsIsWritten) {
   HFSPlusRecordPlace place(900, kBlockSize);
   place.add(5, 1);
   place.add(3, 1);
-  ASSERT_TRUE(place.write(_device, kPlace, randomBytes(900)));
+  const Bytes record = randomBytes(900);
+  ASSERT_TRUE(place.write(_device, kPlace, partsOf(record, 900)));
   const Bytes all = _memory->image();
   for (size_t i = 0; i < all.size(); ++i) {
     const size_t block = i < kPlace.startOffset ? 0 : (i - kPlace.startOffset) / kBlockSize;

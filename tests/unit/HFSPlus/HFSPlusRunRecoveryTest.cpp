@@ -316,9 +316,9 @@ class CraftedRecord : public testing::Test {
     locator.runBlocks = place.runs().front().blockCount;
     const auto memory = std::make_shared<doubles::MemoryDevice>(_image);
     XRDefragVolume device("/nowhere/volume", memory, false, true);
-    EXPECT_TRUE(place.write(
-        device, {0, _image.size()},
-        HFSPlusFlushRecord::toDisk(plan, HFSPlusIdentityOfRun(locator, header), locator.sequence)));
+    const auto record =
+        HFSPlusFlushRecord::toDisk(plan, HFSPlusIdentityOfRun(locator, header), locator.sequence);
+    EXPECT_TRUE(place.write(device, {0, _image.size()}, record.parts));
     EXPECT_TRUE(device.write(locator.toDisk(), kLastSectorOffset));
     return memory->image();
   }
