@@ -7,7 +7,7 @@
 namespace {
 
 constexpr uint64_t kPolynomial = 0xC96C5795D7870F42;  // reflected
-constexpr size_t kSlices = 8;
+constexpr size_t kSlices = 16;
 
 using Tables = std::array<std::array<uint64_t, 256>, kSlices>;
 
@@ -38,12 +38,12 @@ void LWChecksum::add(std::span<const std::byte> bytes) {
   static_assert(std::endian::native == std::endian::little);
   uint64_t state = _state;
   while (bytes.size() >= kSlices) {
-    uint64_t word;
-    std::memcpy(&word, bytes.data(), sizeof word);
-    word ^= state;
+    std::array<uint64_t, kSlices / sizeof(uint64_t)> words;
+    std::memcpy(words.data(), bytes.data(), sizeof words);
+    words[0] ^= state;
     state = 0;
     for (size_t i = 0; i < kSlices; ++i) {
-      state ^= kTables[kSlices - 1 - i][(word >> (8 * i)) & 0xFF];
+      state ^= kTables[kSlices - 1 - i][(words[i / 8] >> (8 * (i % 8))) & 0xFF];
     }
     bytes = bytes.subspan(kSlices);
   }

@@ -52,8 +52,9 @@ Result<> HFSPlusBitmapPicture::appendLines(const HFSPlusVolumeHeader& header,
       HFSPlusSetBits(masked, 0, std::min<uint64_t>(_maskedBlocks - block, masked.size() * 8));
       bitmap = masked;
     }
-    noteEnds(bitmap, block);
-    scaler.add(bitmap);
+    const size_t usedBytes = noteEnds(bitmap, block);
+    scaler.add(bitmap.first(usedBytes));
+    scaler.addClear((bitmap.size() - usedBytes) * 8);
   }
   scaler.finish();
 
@@ -71,8 +72,9 @@ void HFSPlusBitmapPicture::handOver() {
 }
 
 /// Looks for the first free and the last used block in the bitmap of the blocks from one on. The
-/// bits that fill up the volume's last byte count as blocks.
-void HFSPlusBitmapPicture::noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock) {
+/// bits that fill up the volume's last byte count as blocks. Answers how many bytes there are up to
+/// the last one that is not clear, as far as that was looked at.
+size_t HFSPlusBitmapPicture::noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock) {
   uint64_t bits = bitmap.size() * 8;
   if (_firstUnusedBlock == UINT32_MAX) {
     uint64_t used = HFSPlusSetRun(bitmap, 0, bits);
@@ -80,10 +82,16 @@ void HFSPlusBitmapPicture::noteEnds(std::span<const std::byte> bitmap, uint64_t 
       _firstUnusedBlock = static_cast<uint32_t>(firstBlock + used);
     }
   }
-  if (firstBlock < _lastUsedLimit) {
-    auto last = HFSPlusLastSetBit(bitmap, std::min<uint64_t>(bits, _lastUsedLimit - firstBlock));
-    if (last) {
-      _lastUsedBlock = static_cast<uint32_t>(firstBlock + *last);
-    }
+  if (firstBlock >= _lastUsedLimit) {
+    return bitmap.size();
   }
+  const uint64_t looked = std::min<uint64_t>(bits, _lastUsedLimit - firstBlock);
+  const auto last = HFSPlusLastSetBit(bitmap, looked);
+  if (last) {
+    _lastUsedBlock = static_cast<uint32_t>(firstBlock + *last);
+  }
+  if (looked < bits) {
+    return bitmap.size();
+  }
+  return last ? *last / 8 + 1 : 0;
 }

@@ -26,7 +26,7 @@ class HFSPlusBitmapPicture {
 
  private:
   Result<> appendLines(const HFSPlusVolumeHeader& header, HFSPlusAllocation& allocation);
-  void noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock);
+  size_t noteEnds(std::span<const std::byte> bitmap, uint64_t firstBlock);
   void handOver();
 
   std::string _taskName;

@@ -131,10 +131,46 @@ void HFSPlusBitmapScaler::addGroupByGroup(std::span<const std::byte> bitmap) {
   }
 }
 
+void HFSPlusBitmapScaler::addClear(uint64_t bits) {
+  if (_groupLeft < _scale) {
+    const auto count = static_cast<uint32_t>(std::min<uint64_t>(_groupLeft, bits));
+    _groupLeft -= count;
+    bits -= count;
+    if (_groupLeft > 0) {
+      return;
+    }
+    endGroup();
+  }
+  appendClearGroups(bits / _scale);
+  _groupLeft -= static_cast<uint32_t>(bits % _scale);
+}
+
+void HFSPlusBitmapScaler::appendClearGroups(uint64_t count) {
+  for (; count > 0 && _groups != kNoGroups; --count) {
+    appendGroup(false);
+  }
+  for (uint64_t bytes = count / 8; bytes > 0;) {
+    const uint64_t fitting = std::min<uint64_t>(bytes, _line.size() - _lineBytes);
+    std::fill_n(_line.data() + _lineBytes, fitting, std::byte{0});
+    _lineBytes += fitting;
+    bytes -= fitting;
+    if (_lineBytes == _line.size()) {
+      printLine();
+    }
+  }
+  for (count %= 8; count > 0; --count) {
+    appendGroup(false);
+  }
+}
+
 void HFSPlusBitmapScaler::endGroup() {
-  _groups = _groups << 1 | unsigned{_groupUsed * 2 >= _scale};
+  appendGroup(_groupUsed * 2 >= _scale);
   _groupLeft = _scale;
   _groupUsed = 0;
+}
+
+void HFSPlusBitmapScaler::appendGroup(bool isUsed) {
+  _groups = _groups << 1 | unsigned{isUsed};
   if (_groups >= kWholeByte) {
     appendByte(std::exchange(_groups, kNoGroups));
   }

@@ -24,6 +24,9 @@ class HFSPlusBitmapScaler {
 
   void add(std::span<const std::byte> bitmap);
 
+  /// The same as so many clear bits, without looking at them: a multiple of 8.
+  void addClear(uint64_t bits);
+
   /// Prints what is left. A group that the bitmap does not fill shows as clear.
   void finish();
 
@@ -33,6 +36,8 @@ class HFSPlusBitmapScaler {
                      const std::array<uint8_t, 256>& groupsOfByte, unsigned groupsPerByte);
   void addWordByWord(std::span<const std::byte> bitmap);
   void addGroupByGroup(std::span<const std::byte> bitmap);
+  void appendClearGroups(uint64_t count);
+  void appendGroup(bool isUsed);
   void endGroup();
   void appendByte(unsigned groups);
   void printLine();

@@ -179,6 +179,12 @@ TEST(HFSPlusBitmapPicture, AnyBitmapAtAnyScaleLooksAsPlainCountingSays) {
                  std::to_string(total));
     MemoryBitmapVolume volume(total, blockSize);
     volume.fillRandomly(random, 1 + random() % 3 * (scale + 3));
+    if (random() % 2 == 0) {
+      // A long stretch of free blocks, over the ends of chunks or up to one of them.
+      const auto from = static_cast<ptrdiff_t>(random() % volume.bytes.size());
+      const auto rest = static_cast<ptrdiff_t>(volume.bytes.size()) - from;
+      std::fill_n(volume.bytes.begin() + from, random() % 2 == 0 ? rest : rest / 2, std::byte{0});
+    }
     ASSERT_EQ(pictureOf(volume, scale, masked), plainPictureOf(volume, scale, masked));
   }
 }
