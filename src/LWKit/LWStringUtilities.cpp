@@ -53,13 +53,20 @@ size_t decimalLength(std::string_view text) {
   return digits == 0 ? length : exponent + digits;
 }
 
-/// Whether a decimal number that no double holds is too large, rather than too small.
+/// Whether a decimal number that no double holds is too large, rather than too small: whether its
+/// first digit stands before the point, once the exponent has moved that.
 bool isHuge(std::string_view decimal) {
-  const size_t exponent = decimal.find_first_of("eE");
-  if (exponent != std::string_view::npos) {
-    return decimal.substr(exponent + 1, 1) != "-";
+  constexpr int64_t kFarthest = int64_t{1} << 62;
+  const size_t mark = std::min(decimal.find_first_of("eE"), decimal.size());
+  const std::string_view digits = decimal.substr(0, mark);
+  const size_t first = digits.find_first_not_of("0.");
+  if (first == std::string_view::npos) {
+    return false;
   }
-  return decimal.substr(0, decimal.find('.')).find_first_not_of('0') != std::string_view::npos;
+  const auto point = static_cast<int64_t>(std::min(digits.find('.'), digits.size()));
+  const std::string_view exponent = decimal.substr(std::min(mark + 1, decimal.size()));
+  const int64_t moved = std::clamp(LWScanInteger(exponent).value_or(0), -kFarthest, kFarthest);
+  return point - static_cast<int64_t>(first) + moved > 0;
 }
 
 }  // namespace

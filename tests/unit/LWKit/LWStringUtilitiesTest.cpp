@@ -117,6 +117,20 @@ TEST(LWStringUtilities, NamesAndBareSignsAreNoNumbers) {
   }
 }
 
+TEST(LWStringUtilities, ANumberBeyondEveryDoubleIsTheLargestOrZeroWhereverItsDigitsAre) {
+  const std::string zeros(400, '0');
+  EXPECT_EQ(LWScanDouble("1e999"), std::numeric_limits<double>::max());
+  EXPECT_EQ(LWScanDouble("1" + zeros), std::numeric_limits<double>::max());
+  EXPECT_EQ(LWScanDouble("1" + zeros + "e-12"), std::numeric_limits<double>::max());
+  EXPECT_EQ(LWScanDouble("1e99999999999999999999"), std::numeric_limits<double>::max());
+  EXPECT_EQ(LWScanDouble("-0." + zeros + "1e900"), -std::numeric_limits<double>::max());
+  EXPECT_EQ(LWScanDouble("1e-999"), 0.0);
+  EXPECT_EQ(LWScanDouble("0." + zeros + "1"), 0.0);
+  EXPECT_EQ(LWScanDouble("0." + zeros + "1e12"), 0.0);
+  EXPECT_EQ(LWScanDouble("1e-99999999999999999999"), 0.0);
+  EXPECT_EQ(LWScanDouble("0.0e999"), 0.0);
+}
+
 TEST(LWStringUtilities, RealNumbersBeyondTheLimitsBecomeTheLargestOrZero) {
   EXPECT_EQ(LWScanDouble("1e999"), std::numeric_limits<double>::max());
   EXPECT_EQ(LWScanDouble("-1e999"), -std::numeric_limits<double>::max());
