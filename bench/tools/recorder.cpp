@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -18,10 +19,13 @@
 
 namespace {
 
+constexpr size_t kRecordsUsual = 1 << 20;
 constexpr size_t kCopyBufferBytesMin = 8 << 20;
 
 class Recorder {
  public:
+  Recorder() { _records.reserve(kRecordsUsual); }
+
   ~Recorder() {
     const char* path = std::getenv("TRANSFER_TRACE");
     const int file = path != nullptr ? ::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
@@ -48,9 +52,9 @@ class Recorder {
 
   void note(TransferRecord::Kind kind, int file, const void* memory, uint64_t offset, ssize_t size,
             uint64_t start) {
-    const bool isDirect = (::fcntl(file, F_GETFL) & O_DIRECT) != 0;
     const uint64_t end = now();
     const std::lock_guard lock(_lock);
+    const bool isDirect = _isDirect(file);
     const auto* address = static_cast<const char*>(memory);
     const bool isFileData =
         address != nullptr && address >= _copyBuffer && address < _copyBuffer + _copyBufferSize;
@@ -67,7 +71,18 @@ class Recorder {
   }
 
  private:
+  /// Whether a descriptor bypasses the page cache. Asked once: the program opens its device's
+  /// descriptors before the first transfer, and closes them after the last.
+  bool _isDirect(int file) {
+    const auto [known, isNew] = _directFiles.try_emplace(file, false);
+    if (isNew) {
+      known->second = (::fcntl(file, F_GETFL) & O_DIRECT) != 0;
+    }
+    return known->second;
+  }
+
   std::mutex _lock;
+  std::map<int, bool> _directFiles;
   std::vector<TransferRecord> _records;
   char* _copyBuffer = nullptr;
   size_t _copyBufferSize = 0;
