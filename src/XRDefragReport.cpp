@@ -12,7 +12,11 @@ namespace {
 
 /// Printed lines beyond this many bytes leave without waiting for a flushed one. Many enough that
 /// the two threads need not wake each other all the time.
-constexpr size_t kPrintedBytes = size_t{256} << 10;
+constexpr size_t kPrintedBytes = size_t{128} << 10;
+
+/// Room for that and for the piece that makes it due. Buffers that grow step by step take fresh
+/// pages at every step.
+constexpr size_t kBufferBytes = kPrintedBytes + (size_t{64} << 10);
 
 }  // namespace
 
@@ -49,6 +53,7 @@ void XRDefragReport::printAndFlush(std::string_view lines) {
 void XRDefragReport::_append(std::string_view lines, bool flush) {
   const bool mayWait = !LWMainThread::isCurrent();
   std::unique_lock lock(_lock);
+  _printed.reserve(kBufferBytes);
   if (mayWait) {
     _roomChanged.wait(lock, [this] { return _hasRoom(); });
   }

@@ -80,7 +80,8 @@ void HFSPlusRecordPlace::addTo(HFSPlusBlockRanges& blocks) const {
 
 Result<> HFSPlusRecordPlace::write(XRDefragVolume& device, HFSPlusVolumePlace place,
                                    std::span<const std::span<const std::byte>> record) const {
-  std::vector<std::byte> buffer(std::min<uint64_t>(kTransferBytes, wholeSectors(_recordBytes)));
+  std::vector<std::byte> buffer(
+      std::min<uint64_t>(kTransferBytes, wholeSectors(kLinkBytes + _recordBytes)));
   std::span<const std::byte> part;
   for (size_t i = 0; i < _runs.size(); ++i) {
     SectorWriter writer(device, buffer,
