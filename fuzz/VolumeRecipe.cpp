@@ -251,10 +251,7 @@ void Surgeon::plantLocator(const Edit& edit) {
                                          .blockSize = header.blockSize,
                                          .totalBlocks = header.totalBlocks,
                                          .writeCount = locator.writeCount};
-    Bytes record;
-    for (const auto part : HFSPlusFlushRecord::toDisk(plan, identity, locator.sequence).parts) {
-      record.insert(record.end(), part.begin(), part.end());
-    }
+    const Bytes record = HFSPlusFlushRecord::toDisk(plan, identity, locator.sequence);
     locator.recordBlock = (edit.value >> 8) % header.totalBlocks;
     locator.recordBytes = static_cast<uint32_t>(record.size());
     locator.runBlocks =

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "HFSPlus/HFSPlusByteOrder.hpp"
 #include "LWKit/LWChecksum.hpp"
+#include "LWKit/LWZeroPacking.hpp"
 
 namespace {
 
@@ -28,80 +28,108 @@ void writeHeader(std::byte* header, const HFSPlusRunIdentity& identity, uint32_t
   writeBigEndian(header + 48, recordBytes);
 }
 
-/// The checksum of a record in parts, whose own field, in the first part, counts as zero.
-uint64_t recordChecksum(std::span<const std::span<const std::byte>> parts) {
+/// The checksum of a record, whose own field counts as zero.
+uint64_t recordChecksum(std::span<const std::byte> record) {
   constexpr std::array<std::byte, sizeof(uint64_t)> kZero{};
   LWChecksum checksum;
-  checksum.add(parts.front().first(kChecksumOffset));
+  checksum.add(record.first(kChecksumOffset));
   checksum.add(kZero);
-  checksum.add(parts.front().subspan(HFSPlusFlushRecord::kHeaderBytes));
-  for (const std::span<const std::byte> part : parts.subspan(1)) {
-    checksum.add(part);
-  }
+  checksum.add(record.subspan(HFSPlusFlushRecord::kHeaderBytes));
   return checksum.value();
+}
+
+bool isSealed(std::span<const std::byte> record, const HFSPlusRunIdentity& identity,
+              uint32_t sequence, size_t rangeCount) {
+  std::array<std::byte, kChecksumOffset> expected;
+  writeHeader(expected.data(), identity, sequence, rangeCount, record.size());
+  return std::ranges::equal(expected, record.first(kChecksumOffset)) &&
+         readBigEndian<uint64_t>(&record[kChecksumOffset]) == recordChecksum(record);
+}
+
+struct RangeOnDisk {
+  uint64_t offset;
+  uint64_t length;
+};
+
+/// The ranges, if they rise without overlap inside the volume and are not too much.
+std::optional<std::vector<RangeOnDisk>> readRanges(std::span<const std::byte> table,
+                                                   uint64_t volumeBytes) {
+  std::vector<RangeOnDisk> ranges;
+  uint64_t previousEnd = 0;
+  uint64_t left = HFSPlusFlushRecord::kBytesMax;
+  for (; !table.empty(); table = table.subspan(HFSPlusFlushRecord::kRangeBytes)) {
+    const auto offset = readBigEndian<uint64_t>(table.data());
+    const auto length = readBigEndian<uint64_t>(table.data() + 8);
+    if (length > left || offset < previousEnd || offset > volumeBytes ||
+        length > volumeBytes - offset) {
+      return std::nullopt;
+    }
+    ranges.push_back({offset, length});
+    left -= length;
+    previousEnd = offset + length;
+  }
+  return ranges;
 }
 
 }  // namespace
 
-uint64_t HFSPlusFlushRecord::bytesFor(const HFSPlusFlushPlan& plan) {
-  return kHeaderBytes + plan.pieces().size() * kRangeBytes + plan.byteCount();
-}
-
-HFSPlusFlushRecord::OnDisk HFSPlusFlushRecord::toDisk(const HFSPlusFlushPlan& plan,
-                                                      const HFSPlusRunIdentity& identity,
-                                                      uint32_t sequence) {
+std::vector<std::byte> HFSPlusFlushRecord::toDisk(const HFSPlusFlushPlan& plan,
+                                                  const HFSPlusRunIdentity& identity,
+                                                  uint32_t sequence) {
   const size_t rangeCount = plan.pieces().size();
-  OnDisk record;
-  record.head.resize(kHeaderBytes + rangeCount * kRangeBytes);
-  record.parts.reserve(1 + rangeCount);
-  record.parts.emplace_back(record.head);
-  writeHeader(record.head.data(), identity, sequence, rangeCount, bytesFor(plan));
-  std::byte* range = record.head.data() + kHeaderBytes;
+  std::vector<std::byte> record(kHeaderBytes + rangeCount * kRangeBytes);
+  std::byte* range = record.data() + kHeaderBytes;
   for (const HFSPlusFlushPlan::Piece& piece : plan.pieces()) {
     writeBigEndian(range, piece.offset);
     writeBigEndian(range + 8, uint64_t{piece.bytes.size()});
     range += kRangeBytes;
-    record.parts.push_back(piece.bytes);
   }
-  writeBigEndian(record.head.data() + kChecksumOffset, recordChecksum(record.parts));
+  record.reserve(record.size() + LWPackedZerosMaxBytes(plan.byteCount()) +
+                 rangeCount * LWPackedZerosMaxBytes(1));
+  for (const HFSPlusFlushPlan::Piece& piece : plan.pieces()) {
+    LWPackZeros(piece.bytes, record);
+  }
+  writeHeader(record.data(), identity, sequence, rangeCount, record.size());
+  writeBigEndian(&record[kChecksumOffset], recordChecksum(record));
   return record;
 }
 
-std::optional<HFSPlusFlushRecord> HFSPlusFlushRecord::fromDisk(std::vector<std::byte> bytes,
+std::optional<HFSPlusFlushRecord> HFSPlusFlushRecord::fromDisk(std::span<const std::byte> bytes,
                                                                const HFSPlusRunIdentity& identity,
                                                                uint32_t sequence,
                                                                uint64_t volumeBytes) {
   if (bytes.size() < kHeaderBytes) {
     return std::nullopt;
   }
-  const size_t rangeCount = readBigEndian<uint32_t>(bytes.data() + 44);
-  if (rangeCount > (bytes.size() - kHeaderBytes) / kRangeBytes) {
+  const size_t rangeCount = readBigEndian<uint32_t>(&bytes[44]);
+  if (rangeCount > (bytes.size() - kHeaderBytes) / kRangeBytes ||
+      !isSealed(bytes, identity, sequence, rangeCount)) {
     return std::nullopt;
   }
-  std::array<std::byte, kChecksumOffset> expected;
-  writeHeader(expected.data(), identity, sequence, rangeCount, bytes.size());
-  if (std::memcmp(expected.data(), bytes.data(), expected.size()) != 0 ||
-      readBigEndian<uint64_t>(bytes.data() + kChecksumOffset) !=
-          recordChecksum(std::array{std::span<const std::byte>(bytes)})) {
+  const size_t tableBytes = rangeCount * kRangeBytes;
+  const auto ranges = readRanges(bytes.subspan(kHeaderBytes, tableBytes), volumeBytes);
+  if (!ranges) {
     return std::nullopt;
   }
 
   HFSPlusFlushRecord record;
-  record._bytes = std::move(bytes);
-  std::span<const std::byte> content =
-      std::span(record._bytes).subspan(kHeaderBytes + rangeCount * kRangeBytes);
-  uint64_t previousEnd = 0;
-  for (size_t i = 0; i < rangeCount; ++i) {
-    const std::byte* range = record._bytes.data() + kHeaderBytes + i * kRangeBytes;
-    const auto offset = readBigEndian<uint64_t>(range);
-    const auto length = readBigEndian<uint64_t>(range + 8);
-    if (length > content.size() || offset < previousEnd || offset > volumeBytes ||
-        length > volumeBytes - offset) {
+  uint64_t unpackedBytes = 0;
+  for (const RangeOnDisk& range : *ranges) {
+    unpackedBytes += range.length;
+  }
+  record._bytes.resize(unpackedBytes);
+  std::optional packed = bytes.subspan(kHeaderBytes + tableBytes);
+  std::span<std::byte> rest = record._bytes;
+  for (const RangeOnDisk& range : *ranges) {
+    packed = LWUnpackZeros(*packed, rest.first(range.length));
+    if (!packed) {
       return std::nullopt;
     }
-    record._ranges.push_back({offset, content.first(length)});
-    content = content.subspan(length);
-    previousEnd = offset + length;
+    record._ranges.push_back({range.offset, rest.first(range.length)});
+    rest = rest.subspan(range.length);
+  }
+  if (!packed->empty()) {
+    return std::nullopt;
   }
   return record;
 }

@@ -31,24 +31,20 @@ struct HFSPlusRunIdentity {
 ///   24  signature u16      26  version u16          28  creation date u32
 ///   32  block size u32     36  total blocks u32     40  write count u32  44  range count u32
 ///   48  record bytes u64   56  CRC-64 of the whole record, with this field zero
-///   64  the ranges, 16 bytes each: volume byte offset u64, length u64; then their bytes in order
+///   64  the ranges, 16 bytes each: volume byte offset u64, length u64; then the bytes of each in
+///       order, their zeros left out as LWPackZeros() does it
 class HFSPlusFlushRecord {
  public:
   static constexpr uint64_t kMagic = 0x58526465664C6F67;  // "XRdefLog"
-  static constexpr uint32_t kFormatVersion = 1;
+  static constexpr uint32_t kFormatVersion = 2;
   static constexpr size_t kHeaderBytes = 64;
   static constexpr size_t kRangeBytes = 16;
+  /// The most that a record may take on disk, and the most that its ranges may have. Bytes.
+  static constexpr uint64_t kBytesMax = 256ULL << 20;
 
   struct Range {
     uint64_t offset;  // bytes from the volume's start
     std::span<const std::byte> bytes;
-  };
-
-  /// The parts of a record, to be written one after another. A plan may be large, and its bytes are
-  /// not copied: they are the plan's.
-  struct OnDisk {
-    std::vector<std::byte> head;  // the first part
-    std::vector<std::span<const std::byte>> parts;
   };
 
   // The ranges refer to the record's own bytes, which stay where they are when it is moved.
@@ -57,17 +53,15 @@ class HFSPlusFlushRecord {
   HFSPlusFlushRecord(const HFSPlusFlushRecord&) = delete;
   HFSPlusFlushRecord& operator=(const HFSPlusFlushRecord&) = delete;
 
-  /// Bytes that the record of a plan takes on disk.
-  [[nodiscard]] static uint64_t bytesFor(const HFSPlusFlushPlan& plan);
-
   /// The record of a plan as it is written to disk.
-  [[nodiscard]] static OnDisk toDisk(const HFSPlusFlushPlan& plan,
-                                     const HFSPlusRunIdentity& identity, uint32_t sequence);
+  [[nodiscard]] static std::vector<std::byte> toDisk(const HFSPlusFlushPlan& plan,
+                                                     const HFSPlusRunIdentity& identity,
+                                                     uint32_t sequence);
 
   /// Reads a record back; nothing unless it is whole, of this volume, run and sequence, and its
   /// ranges rise without overlap inside the volume's `volumeBytes`.
   [[nodiscard]] static std::optional<HFSPlusFlushRecord> fromDisk(
-      std::vector<std::byte> bytes, const HFSPlusRunIdentity& identity, uint32_t sequence,
+      std::span<const std::byte> bytes, const HFSPlusRunIdentity& identity, uint32_t sequence,
       uint64_t volumeBytes);
 
   /// The ranges by offset; their bytes belong to the record.
@@ -79,6 +73,6 @@ class HFSPlusFlushRecord {
  private:
   HFSPlusFlushRecord() = default;
 
-  std::vector<std::byte> _bytes;
+  std::vector<std::byte> _bytes;  // of all ranges
   std::vector<Range> _ranges;
 };

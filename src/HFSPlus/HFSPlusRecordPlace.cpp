@@ -1,6 +1,7 @@
 #include "HFSPlus/HFSPlusRecordPlace.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "HFSPlus/HFSPlusByteOrder.hpp"
 
@@ -8,51 +9,13 @@ namespace {
 
 constexpr uint64_t kSectorBytes = 512;
 constexpr size_t kTransferBytes = size_t{1} << 20;
+constexpr HFSPlusExtentDescriptor kNowhere{.startBlock = 0,
+                                           .blockCount = 0};  // behind the last run
 
 /// Whole sectors, which is what is transferred.
 uint64_t wholeSectors(uint64_t bytes) {
   return (bytes + kSectorBytes - 1) / kSectorBytes * kSectorBytes;
 }
-
-/// Writes bytes one after another, from a byte offset of the device on, in few transfers.
-class SectorWriter {
- public:
-  SectorWriter(XRDefragVolume& device, std::span<std::byte> buffer, uint64_t offset)
-      : _device(device), _buffer(buffer), _offset(offset) {}
-
-  Result<> append(std::span<const std::byte> bytes) {
-    while (!bytes.empty()) {
-      const auto part = bytes.first(std::min(bytes.size(), _buffer.size() - _used));
-      std::ranges::copy(part, _buffer.begin() + static_cast<ptrdiff_t>(_used));
-      _used += part.size();
-      bytes = bytes.subspan(part.size());
-      if (_used == _buffer.size()) {
-        TRY(_send());
-      }
-    }
-    return {};
-  }
-
-  /// Fills up the last sector with zeros.
-  Result<> finish() {
-    std::ranges::fill(_buffer.first(wholeSectors(_used)).subspan(_used), std::byte{0});
-    _used = wholeSectors(_used);
-    return _send();
-  }
-
- private:
-  Result<> _send() {
-    TRY(_device.write(_buffer.first(_used), _offset));
-    _offset += _used;
-    _used = 0;
-    return {};
-  }
-
-  XRDefragVolume& _device;
-  std::span<std::byte> _buffer;
-  size_t _used = 0;
-  uint64_t _offset;
-};
 
 }  // namespace
 
@@ -79,38 +42,29 @@ void HFSPlusRecordPlace::addTo(HFSPlusBlockRanges& blocks) const {
 }
 
 Result<> HFSPlusRecordPlace::write(XRDefragVolume& device, HFSPlusVolumePlace place,
-                                   std::span<const std::span<const std::byte>> record) const {
+                                   std::span<const std::byte> record) const {
   std::vector<std::byte> buffer(
-      std::min<uint64_t>(kTransferBytes, wholeSectors(kLinkBytes + _recordBytes)));
-  std::span<const std::byte> part;
+      std::min<uint64_t>(kTransferBytes, wholeSectors(kLinkBytes + record.size())));
   for (size_t i = 0; i < _runs.size(); ++i) {
-    SectorWriter writer(device, buffer,
-                        place.startOffset + uint64_t{_runs[i].startBlock} * _blockSize);
-    TRY(writer.append(_linkTo(i + 1)));
-    uint64_t room = uint64_t{_runs[i].blockCount} * _blockSize - kLinkBytes;
-    while (room > 0 && (!part.empty() || !record.empty())) {
-      if (part.empty()) {
-        part = record.front();
-        record = record.subspan(1);
-      }
-      const auto fitting = part.first(std::min<uint64_t>(room, part.size()));
-      TRY(writer.append(fitting));
+    const HFSPlusExtentDescriptor next = i + 1 < _runs.size() ? _runs[i + 1] : kNowhere;
+    writeBigEndian(buffer.data(), uint32_t{next.startBlock});
+    writeBigEndian(buffer.data() + 4, uint32_t{next.blockCount});
+    size_t used = kLinkBytes;
+    uint64_t offset = place.startOffset + uint64_t{_runs[i].startBlock} * _blockSize;
+    const uint64_t room = uint64_t{_runs[i].blockCount} * _blockSize - kLinkBytes;
+    auto part = record.first(std::min<uint64_t>(room, record.size()));
+    record = record.subspan(part.size());
+    do {
+      const auto fitting = part.first(std::min(part.size(), buffer.size() - used));
+      std::ranges::copy(fitting, &buffer[used]);
+      used += fitting.size();
+      std::ranges::fill(std::span(buffer).first(wholeSectors(used)).subspan(used), std::byte{0});
+      TRY(device.write(std::span(buffer).first(wholeSectors(used)), offset));
       part = part.subspan(fitting.size());
-      room -= fitting.size();
-    }
-    TRY(writer.finish());
+      offset += std::exchange(used, 0);
+    } while (!part.empty());
   }
   return {};
-}
-
-/// What leads to a run, on disk; nowhere when there is none.
-auto HFSPlusRecordPlace::_linkTo(size_t run) const -> Link {
-  Link link{};
-  if (run < _runs.size()) {
-    writeBigEndian(link.data(), uint32_t{_runs[run].startBlock});
-    writeBigEndian(link.data() + 4, uint32_t{_runs[run].blockCount});
-  }
-  return link;
 }
 
 Result<std::optional<std::vector<std::byte>>> HFSPlusRecordPlace::read(

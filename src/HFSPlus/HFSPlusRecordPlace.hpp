@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -40,9 +39,9 @@ class HFSPlusRecordPlace {
   /// Adds the runs to a set of blocks.
   void addTo(HFSPlusBlockRanges& blocks) const;
 
-  /// Writes a record that fits, given in parts. Device errors.
+  /// Writes a record that fits. Device errors.
   [[nodiscard]] Result<> write(XRDefragVolume& device, HFSPlusVolumePlace place,
-                               std::span<const std::span<const std::byte>> record) const;
+                               std::span<const std::byte> record) const;
 
   /// Reads this many bytes of a record back from the first of its runs on; nothing if the links do
   /// not lead to so many bytes inside the volume. Device errors.
@@ -52,9 +51,7 @@ class HFSPlusRecordPlace {
 
  private:
   static constexpr uint64_t kLinkBytes = 8;
-  using Link = std::array<std::byte, kLinkBytes>;
 
-  Link _linkTo(size_t run) const;
   uint64_t _blocksFor(uint64_t bytes) const { return (kLinkBytes + bytes - 1) / _blockSize + 1; }
 
   uint64_t _recordBytes;

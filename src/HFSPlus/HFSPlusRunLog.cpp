@@ -89,7 +89,12 @@ Result<> HFSPlusRunLog::begin(const HFSPlusVolumeHeader& header,
   return {};
 }
 
-Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, const HFSPlusRecordPlace& place) {
+std::vector<std::byte> HFSPlusRunLog::recordOf(const HFSPlusFlushPlan& plan) const {
+  return HFSPlusFlushRecord::toDisk(plan, _identity, _locator.sequence + 1);
+}
+
+Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, std::span<const std::byte> record,
+                               const HFSPlusRecordPlace& place) {
   LW_ASSERT(isActive());
   for (const HFSPlusExtentDescriptor& run : place.runs()) {
     TRY(retireBefore(uint64_t{run.startBlock} * _identity.blockSize,
@@ -104,11 +109,10 @@ Result<> HFSPlusRunLog::commit(const HFSPlusFlushPlan& plan, const HFSPlusRecord
       locator.headerAfter = LWChecksum::of(piece.bytes);
     }
   }
-  const auto record = HFSPlusFlushRecord::toDisk(plan, _identity, locator.sequence);
   locator.recordBlock = place.runs().front().startBlock;
   locator.runBlocks = place.runs().front().blockCount;
-  locator.recordBytes = static_cast<uint32_t>(HFSPlusFlushRecord::bytesFor(plan));
-  TRY(place.write(_device, _place, record.parts));
+  locator.recordBytes = static_cast<uint32_t>(record.size());
+  TRY(place.write(_device, _place, record));
   TRY(_device.synchronize());
   TRY(_writeLocator(locator));
 

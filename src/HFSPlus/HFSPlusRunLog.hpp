@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <vector>
 
 #include "HFSPlus/HFSPlusFlushPlan.hpp"
 #include "HFSPlus/HFSPlusFlushRecord.hpp"
@@ -25,9 +27,6 @@
 /// The record's blocks are free before the flush and after it, and never marked as used.
 class HFSPlusRunLog {
  public:
-  /// The most a record may take, and so the most that is ever read back. Bytes.
-  static constexpr uint64_t kRecordBytesMax = 256ULL << 20;
-
   HFSPlusRunLog(const XRDefragVolume& device, HFSPlusVolumePlace place);
 
   /// Whether the log has begun and has not ended; not after an error in doing either.
@@ -46,9 +45,14 @@ class HFSPlusRunLog {
   /// Where to look for the next record's place first: an allocation block.
   uint32_t hint() const { return _hint; }
 
-  /// Writes the plan down at a place that its record fits into and makes it the flush that happens.
-  /// After an error the flush has not been started, and the volume's metadata is as it was.
-  [[nodiscard]] Result<> commit(const HFSPlusFlushPlan& plan, const HFSPlusRecordPlace& place);
+  /// The record of the next flush, as it is written to disk.
+  [[nodiscard]] std::vector<std::byte> recordOf(const HFSPlusFlushPlan& plan) const;
+
+  /// Writes a plan's record down at a place that it fits into and makes the plan the flush that
+  /// happens. After an error the flush has not been started, and the volume's metadata is as it
+  /// was.
+  [[nodiscard]] Result<> commit(const HFSPlusFlushPlan& plan, std::span<const std::byte> record,
+                                const HFSPlusRecordPlace& place);
 
   /// To be called before `count` bytes at a byte offset of the volume are written over.
   [[nodiscard]] Result<> retireBefore(uint64_t offset, uint64_t count);

@@ -16,16 +16,16 @@ Result<std::optional<HFSPlusFlushRecord>> readRecord(XRDefragVolume& device,
                                                      HFSPlusVolumePlace place,
                                                      const HFSPlusRunLocator& locator,
                                                      const HFSPlusVolumeHeader& header) {
-  if (locator.recordBytes > HFSPlusRunLog::kRecordBytesMax) {
+  if (locator.recordBytes > HFSPlusFlushRecord::kBytesMax) {
     return std::nullopt;
   }
-  auto bytes =
+  const auto bytes =
       TRY(HFSPlusRecordPlace::read(device, place, header.blockSize,
                                    {locator.recordBlock, locator.runBlocks}, locator.recordBytes));
   if (!bytes) {
     return std::nullopt;
   }
-  return HFSPlusFlushRecord::fromDisk(*std::move(bytes), HFSPlusIdentityOfRun(locator, header),
+  return HFSPlusFlushRecord::fromDisk(*bytes, HFSPlusIdentityOfRun(locator, header),
                                       locator.sequence, place.sizeBytes);
 }
 

@@ -158,7 +158,7 @@ class HFSPlusVolume final : public XRDefragVolume,
   Result<> _planHeldWrites(HFSPlusFlushPlan& plan);
   void _planHeaders(HFSPlusFlushPlan& plan);
   Result<std::optional<HFSPlusRecordPlace>> _findRecordPlace(
-      const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks);
+      uint64_t bytes, const HFSPlusBlockRanges& pendingBlocks);
   Result<> _finishFlush();
   Result<> _writePlan(const HFSPlusFlushPlan& plan);
   Result<> _markInFlux();

@@ -127,11 +127,15 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRange
   }
   TRY(_markInFlux());
   if (_runLog) {
-    const auto place = TRY(_findRecordPlace(plan, pendingBlocks));
+    if (plan.byteCount() > HFSPlusFlushRecord::kBytesMax) {
+      return FlushOutcome::NoRoomForRecord;
+    }
+    const std::vector<std::byte> record = _runLog->recordOf(plan);
+    const auto place = TRY(_findRecordPlace(record.size(), pendingBlocks));
     if (!place) {
       return FlushOutcome::NoRoomForRecord;
     }
-    TRY(_runLog->commit(plan, *place));
+    TRY(_runLog->commit(plan, record, *place));
   } else {
     TRY(synchronize());
   }
@@ -142,14 +146,13 @@ Result<HFSPlusVolume::FlushOutcome> HFSPlusVolume::flush(const HFSPlusBlockRange
   return FlushOutcome::Flushed;
 }
 
-/// Blocks for the plan's record that are free before and after the flush: in one piece, else in
-/// few, else in as many as it takes; rather not those of the record before it, which would have to
-/// be retired first.
+/// Blocks for a record of so many bytes that are free before and after the flush: in one piece,
+/// else in few, else in as many as it takes; rather not those of the record before it, which would
+/// have to be retired first.
 Result<std::optional<HFSPlusRecordPlace>> HFSPlusVolume::_findRecordPlace(
-    const HFSPlusFlushPlan& plan, const HFSPlusBlockRanges& pendingBlocks) {
+    uint64_t bytes, const HFSPlusBlockRanges& pendingBlocks) {
   constexpr uint64_t kFewPieces = 16;
-  const uint64_t bytes = HFSPlusFlushRecord::bytesFor(plan);
-  if (bytes > HFSPlusRunLog::kRecordBytesMax) {
+  if (bytes > HFSPlusFlushRecord::kBytesMax) {
     return std::nullopt;
   }
   // At first, the volume's last blocks: the run will come by there late.
