@@ -60,9 +60,7 @@ Result<HFSPlusBTreeNodeHold> HFSPlusBTreeBulkIterator::nextCachedNode() {
   if (!_chunkHolds(index)) {
     TRY(_loadChunk(index));
   }
-  // With a small cache, reading the chunk may have pushed out and written this very node.
-  return _chunkHolds(index) ? _btree.cachedNodeWithIndex(index, _image(index))
-                            : _btree.cachedNodeWithIndex(index);
+  return _btree.cachedNodeWithIndex(index, _image(index));
 }
 
 bool HFSPlusBTreeBulkIterator::visits(uint32_t index) const {
@@ -80,7 +78,7 @@ bool HFSPlusBTreeBulkIterator::_chunkHolds(uint32_t index) const {
          index >= _bufferBaseIndex && index - _bufferBaseIndex < _nodesPerBuffer;
 }
 
-std::span<const std::byte> HFSPlusBTreeBulkIterator::_image(uint32_t index) const {
+std::span<std::byte> HFSPlusBTreeBulkIterator::_image(uint32_t index) const {
   const uint64_t nodeSize = _btree.nodeSize();
   return {&_bufferData[(index - _bufferBaseIndex) * nodeSize], nodeSize};
 }
@@ -93,12 +91,5 @@ Result<> HFSPlusBTreeBulkIterator::_loadChunk(uint32_t index) {
   TRY(_btree.read({_bufferData.get(), count * nodeSize}, index * nodeSize));
   _bufferWrittenNodes = _btree.writtenNodes();
   _bufferValid = true;
-
-  // What fails here fails again when the iteration gets there.
-  for (uint32_t node = index; node - index < count && _chunkHolds(node); ++node) {
-    if (_isUsed(node)) {
-      (void)_btree.cachedNodeWithIndex(node, _image(node));
-    }
-  }
   return {};
 }

@@ -9,8 +9,10 @@
 
 /// Visits every node in use of a tree in ascending order, reading the file a mebibyte at a time.
 ///
-/// Which nodes are in use is what the tree's map nodes said at creation. A chunk's nodes enter the
-/// tree's cache when the chunk is read; a node that the cache holds already is taken from there.
+/// Which nodes are in use is what the tree's map nodes said at creation. A node that the tree's
+/// cache has is taken from there; any other is shown where it lies in the chunk. Copied into the
+/// cache, where nobody asks for it again, it would take as long as all the rest of a scan, and push
+/// out what others need.
 class HFSPlusBTreeBulkIterator {
  public:
   /// The tree must outlive the iterator. Fails with "Out of memory." or the errors of the tree's
@@ -18,8 +20,9 @@ class HFSPlusBTreeBulkIterator {
   [[nodiscard]] static Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> open(
       HFSPlusBTreeFile& btree);
 
-  /// The next node in use, of whatever kind, held for the caller; an empty hold at the end, as
-  /// often as it is asked for. After a failure the next call goes on behind the failing node.
+  /// The next node in use, of whatever kind, for looking at, held for the caller until the next
+  /// call; an empty hold at the end, as often as it is asked for. After a failure the next call
+  /// goes on behind the failing node.
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> nextCachedNode();
 
   /// Whether a node is among those visited, sooner or later.
@@ -30,7 +33,7 @@ class HFSPlusBTreeBulkIterator {
 
   bool _isUsed(uint32_t index) const;
   bool _chunkHolds(uint32_t index) const;
-  std::span<const std::byte> _image(uint32_t index) const;
+  std::span<std::byte> _image(uint32_t index) const;
   [[nodiscard]] Result<> _copyMap();
   [[nodiscard]] Result<> _loadChunk(uint32_t index);
 

@@ -30,6 +30,10 @@ XRDefragError counterError() {
   return XRDefragError::localized("Overflow extents file is inconsistent.");
 }
 
+XRDefragError outOfMemory() {
+  return XRDefragError::localized("Out of memory.");
+}
+
 std::byte mapMask(uint32_t index) {
   return std::byte{0x80} >> (index % 8);
 }
@@ -131,7 +135,7 @@ Result<> HFSPlusBTreeFile::visitMapRecords(
 }
 
 Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::_mapNode(uint32_t index) {
-  HFSPlusBTreeNode* retained = TRY(_retainNode(index, {}));
+  HFSPlusBTreeNode* retained = TRY(_retainNode(index));
   if (retained == nullptr) {
     return std::unexpected(index == 0 ? headerError() : mapNodeError());
   }
@@ -149,47 +153,65 @@ Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::_mapNode(uint32_t index) {
 
 // Nodes
 
-Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::cachedNodeWithIndex(
-    uint32_t index, std::span<const std::byte> data) {
-  HFSPlusBTreeNode* node = TRY(_retainNode(index, data));
+Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
+                                                                   std::span<std::byte> data) {
+  if (!data.empty() && !_nodeCache.contains(index)) {
+    return _showNode(index, data);
+  }
+  HFSPlusBTreeNode* node = TRY(_retainNode(index));
   if (node == nullptr) {
     return std::unexpected(inconsistent());
   }
   return HFSPlusBTreeNodeHold(_nodeCache, *node);
 }
 
-Result<HFSPlusBTreeNode*> HFSPlusBTreeFile::_retainNode(uint32_t index,
-                                                        std::span<const std::byte> data) {
+Result<HFSPlusBTreeNode*> HFSPlusBTreeFile::_retainNode(uint32_t index) {
   if (HFSPlusBTreeNode* cached = _nodeCache.retain(index)) {
     return cached;
   }
   std::unique_ptr<HFSPlusBTreeNode> node = TRY(_blankNode(index));
-  if (data.empty()) {
-    TRY(readNode(index, {node->_data.get(), node->size()}));
-  } else {
-    LW_ASSERT(data.size() == node->size());
-    std::memcpy(node->_data.get(), data.data(), data.size());
+  TRY(readNode(index, {node->_data.get(), node->size()}));
+  return _isSound(*node) ? &_nodeCache.add(std::move(node)) : nullptr;
+}
+
+Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::_showNode(uint32_t index,
+                                                         std::span<std::byte> image) {
+  LW_ASSERT(image.size() == nodeSize());
+  TRY(_checkRange(index));
+  auto node = HFSPlusBTreeNode::create(*this, nodeSize(), _nodeImages->show(image));
+  if (!node) {
+    return std::unexpected(outOfMemory());
   }
-  if (!node->hasSoundOffsets() || !hasSoundRecords(*node)) {
-    return nullptr;
+  node->_index = index;
+  if (!_isSound(*node)) {
+    return std::unexpected(inconsistent());
   }
-  return &_nodeCache.add(std::move(node));
+  return HFSPlusBTreeNodeHold(std::move(node));
+}
+
+bool HFSPlusBTreeFile::_isSound(const HFSPlusBTreeNode& node) const {
+  return node.hasSoundOffsets() && hasSoundRecords(node);
 }
 
 Result<std::unique_ptr<HFSPlusBTreeNode>> HFSPlusBTreeFile::_blankNode(uint32_t index) {
-  if (index >= nodeCount()) {
-    return std::unexpected(XRDefragError::localized("B-Tree node %1$lu is out of range.", index));
-  }
+  TRY(_checkRange(index));
   std::unique_ptr<HFSPlusBTreeNode> node = _nodeCache.takeSpare();
   if (!node) {
-    node = HFSPlusBTreeNode::create(*this, *_nodeImages);
+    node = HFSPlusBTreeNode::create(*this, nodeSize(), _nodeImages->take());
   }
   if (!node) {
-    return std::unexpected(XRDefragError::localized("Out of memory."));
+    return std::unexpected(outOfMemory());
   }
   node->_index = index;
   node->_dirty = false;
   return node;
+}
+
+Result<> HFSPlusBTreeFile::_checkRange(uint32_t index) const {
+  if (index >= nodeCount()) {
+    return std::unexpected(XRDefragError::localized("B-Tree node %1$lu is out of range.", index));
+  }
+  return {};
 }
 
 Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::newNodeWithIndex(uint32_t index, int8_t kind) {

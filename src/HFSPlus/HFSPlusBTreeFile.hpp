@@ -35,11 +35,12 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   uint32_t nodeSize() const { return _hostHeaderRec.nodeSize; }
   const BTHeaderRec& headerRecord() const { return _hostHeaderRec; }
 
-  /// The node, held for the caller. If it is not in memory its image is `data` (nodeSize() bytes)
-  /// or, without data, read from the file. Fails with "B-Tree node %1$lu is out of range.", read
-  /// errors, or inconsistent() for an image whose record offsets are broken.
-  [[nodiscard]] Result<HFSPlusBTreeNodeHold> cachedNodeWithIndex(
-      uint32_t index, std::span<const std::byte> data = {});
+  /// The node, held for the caller. If it is not in memory it is read from the file, or shown where
+  /// its image lies in `data` (nodeSize() bytes, which stay there as long as it is held): then it
+  /// does not enter the cache, and must not be changed. Fails with "B-Tree node %1$lu is out of
+  /// range.", read errors, or inconsistent() for an image whose record offsets are broken.
+  [[nodiscard]] Result<HFSPlusBTreeNodeHold> cachedNodeWithIndex(uint32_t index,
+                                                                 std::span<std::byte> data = {});
 
   /// Descends from the root to the leaf whose records surround a key. The predicate, asked with a
   /// record's bytes, tells whether the record's key is greater than the one sought. Fails with
@@ -119,9 +120,11 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   [[nodiscard]] Result<> _loadMapRecords();
   [[nodiscard]] Result<> _updateHeaderAndMapRecords();
   /// None if the image is broken.
-  [[nodiscard]] Result<HFSPlusBTreeNode*> _retainNode(uint32_t index,
-                                                      std::span<const std::byte> data);
+  [[nodiscard]] Result<HFSPlusBTreeNode*> _retainNode(uint32_t index);
+  [[nodiscard]] Result<HFSPlusBTreeNodeHold> _showNode(uint32_t index, std::span<std::byte> image);
   [[nodiscard]] Result<std::unique_ptr<HFSPlusBTreeNode>> _blankNode(uint32_t index);
+  [[nodiscard]] Result<> _checkRange(uint32_t index) const;
+  [[nodiscard]] bool _isSound(const HFSPlusBTreeNode& node) const;
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> _mapNode(uint32_t index);
 
   BTHeaderRec _hostHeaderRec{};

@@ -22,13 +22,13 @@ std::unexpected<XRDefragError> internalError(uint32_t check) {
 }  // namespace
 
 std::unique_ptr<HFSPlusBTreeNode> HFSPlusBTreeNode::create(HFSPlusBTreeNodeOwner& btree,
-                                                           HFSPlusBTreeNodeImages& images) {
-  HFSPlusBTreeNodeImages::Image data = images.take();
-  if (!data) {
+                                                           uint32_t size,
+                                                           HFSPlusBTreeNodeImages::Image image) {
+  if (!image) {
     return nullptr;
   }
-  return std::unique_ptr<HFSPlusBTreeNode>(
-      new (std::nothrow) HFSPlusBTreeNode(btree, images.imageSize(), std::move(data)));
+  return std::unique_ptr<HFSPlusBTreeNode>(new (std::nothrow)
+                                               HFSPlusBTreeNode(btree, size, std::move(image)));
 }
 
 uint32_t HFSPlusBTreeNode::freeSpace() const {

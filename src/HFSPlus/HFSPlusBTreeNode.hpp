@@ -32,10 +32,9 @@ class HFSPlusBTreeNodeOwner {
 /// image, and asking for any other is a programming error. Nodes live in their tree's node cache.
 class HFSPlusBTreeNode {
  public:
-  /// A node of no particular content, or nothing when memory is short. Its image goes back to
-  /// `images`, which must outlive it.
-  [[nodiscard]] static std::unique_ptr<HFSPlusBTreeNode> create(HFSPlusBTreeNodeOwner& btree,
-                                                                HFSPlusBTreeNodeImages& images);
+  /// A node with an image of `size` bytes; nothing without one, or when memory is short.
+  [[nodiscard]] static std::unique_ptr<HFSPlusBTreeNode> create(
+      HFSPlusBTreeNodeOwner& btree, uint32_t size, HFSPlusBTreeNodeImages::Image image);
   HFSPlusBTreeNode(const HFSPlusBTreeNode&) = delete;
   HFSPlusBTreeNode& operator=(const HFSPlusBTreeNode&) = delete;
 

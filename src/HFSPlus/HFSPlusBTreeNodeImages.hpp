@@ -19,8 +19,12 @@ class HFSPlusBTreeNodeImages {
   HFSPlusBTreeNodeImages& operator=(const HFSPlusBTreeNodeImages&) = delete;
 
   struct GiveBack {
-    HFSPlusBTreeNodeImages* images = nullptr;
-    void operator()(std::byte* image) const { images->_giveBack(image); }
+    HFSPlusBTreeNodeImages* images = nullptr;  // null for an image that was only shown
+    void operator()(std::byte* image) const {
+      if (images != nullptr) {
+        images->_giveBack(image);
+      }
+    }
   };
   /// Goes back to where it was taken from, which must outlive it.
   using Image = std::unique_ptr<std::byte[], GiveBack>;
@@ -30,6 +34,9 @@ class HFSPlusBTreeNodeImages {
 
   /// An image with whatever was in it before; none when memory is short.
   [[nodiscard]] Image take();
+
+  /// An image that lies in somebody else's memory, and stays there; none when memory is short.
+  [[nodiscard]] Image show(std::span<std::byte> bytes);
 
  private:
   std::byte* _takeUsed();

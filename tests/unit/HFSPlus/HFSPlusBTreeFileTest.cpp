@@ -288,11 +288,21 @@ TEST_F(HFSPlusBTreeFileTest, TooSmallACacheSizeMeansNoLimit) {
   EXPECT_EQ(tree->nodeCache().nodeCacheCount(), kNodes);
 }
 
-TEST_F(HFSPlusBTreeFileTest, CachedNodeWinsOverGivenData) {
+TEST_F(HFSPlusBTreeFileTest, NodeIsShownWhereGivenDataLiesAndDoesNotEnterTheCache) {
   const auto tree = openPlainTree(volume);
   std::vector<std::byte> image(kNodeSize);
   writeBigEndian(image.data(), uint32_t{77});
-  EXPECT_EQ((*tree->cachedNodeWithIndex(3, image))->fLink(), 77U);
+  const auto node = tree->cachedNodeWithIndex(3, image);
+  ASSERT_TRUE(node);
+  EXPECT_EQ((*node)->index(), 3U);
+  EXPECT_EQ((*node)->fLink(), 77U);
+  EXPECT_FALSE(tree->nodeCache().contains(3));
+}
+
+TEST_F(HFSPlusBTreeFileTest, CachedNodeWinsOverGivenData) {
+  const auto tree = openPlainTree(volume);
+  std::vector<std::byte> image(kNodeSize);
+  (*tree->cachedNodeWithIndex(3))->setFLink(77);
   writeBigEndian(image.data(), uint32_t{78});
   EXPECT_EQ((*tree->cachedNodeWithIndex(3, image))->fLink(), 77U);
 }
@@ -300,7 +310,7 @@ TEST_F(HFSPlusBTreeFileTest, CachedNodeWinsOverGivenData) {
 TEST_F(HFSPlusBTreeFileTest, NodeOutOfRangeIsRefused) {
   const auto tree = openPlainTree(volume);
   EXPECT_EQ(messageOf(tree->cachedNodeWithIndex(kNodes)), "B-Tree node 100 is out of range.");
-  const std::vector<std::byte> image(kNodeSize);
+  std::vector<std::byte> image(kNodeSize);
   EXPECT_EQ(messageOf(tree->cachedNodeWithIndex(kNodes, image)),
             "B-Tree node 100 is out of range.");
 }

@@ -55,3 +55,14 @@ TEST(HFSPlusBTreeNodeImages, WhatIsGivenBackIsHandedOutAgain) {
   EXPECT_EQ(taken[3].get(), second);
   EXPECT_EQ(taken[70].get(), first);
 }
+
+TEST(HFSPlusBTreeNodeImages, WhatIsShownStaysWithItsOwner) {
+  HFSPlusBTreeNodeImages images(512);
+  std::vector<std::byte> bytes(512, std::byte{7});
+  for (int i = 0; i < 2; ++i) {
+    const Image shown = images.show(bytes);
+    EXPECT_TRUE(std::ranges::equal(std::span(shown.get(), 512), bytes));
+  }
+  const Image taken = images.take();
+  EXPECT_NE(taken.get(), bytes.data());
+}

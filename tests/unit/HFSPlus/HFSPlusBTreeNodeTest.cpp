@@ -47,7 +47,8 @@ std::vector<std::byte> record(uint8_t number, size_t size = 20) {
 
 class HFSPlusBTreeNodeTest : public testing::Test {
  protected:
-  HFSPlusBTreeNodeTest() : node(HFSPlusBTreeNode::create(owner, images)) {
+  HFSPlusBTreeNodeTest()
+      : node(HFSPlusBTreeNode::create(owner, images.imageSize(), images.take())) {
     node->setupNewNode(kBTIndexNode);
   }
 
