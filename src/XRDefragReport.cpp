@@ -21,7 +21,11 @@ constexpr size_t kBufferBytes = kPrintedBytes + (size_t{64} << 10);
 }  // namespace
 
 XRDefragReport& XRDefragReport::shared() {
-  static PlatformOutput output(STDOUT_FILENO);
+  static PlatformOutput output = [] {
+    PlatformOutput standardOutput(STDOUT_FILENO);
+    standardOutput.widenPipe(kBacklogBytes);
+    return standardOutput;
+  }();
   static XRDefragReport report([](std::string_view lines) { output.write(lines); },
                                output.isTerminal() ? Buffering::ByLine : Buffering::UntilFlushed);
   return report;

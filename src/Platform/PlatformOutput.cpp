@@ -1,9 +1,11 @@
 #include "Platform/PlatformOutput.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 void PlatformOutput::write(std::string_view lines) {
   if (_lineIsCutOff && _writeSome("\n") == 0) {
@@ -35,6 +37,13 @@ size_t PlatformOutput::_writeSome(std::string_view bytes) const {
     } else if (errno != EINTR) {
       return 0;
     }
+  }
+}
+
+void PlatformOutput::widenPipe(size_t bytes) {
+  const int size = ::fcntl(_descriptor, F_GETPIPE_SZ);
+  if (size >= 0 && std::cmp_less(size, bytes)) {
+    ::fcntl(_descriptor, F_SETPIPE_SZ, static_cast<int>(bytes));
   }
 }
 

@@ -14,6 +14,10 @@ class PlatformOutput {
   /// cut off by that.
   void write(std::string_view lines);
 
+  /// Has a pipe hold this many bytes, if it holds less and may: writer and reader then need not
+  /// wake each other for every 64 KiB. Nothing for anything else.
+  void widenPipe(size_t bytes);
+
   /// Whether the descriptor is a terminal.
   bool isTerminal() const;
 

@@ -83,3 +83,22 @@ TEST(PlatformOutput, NoLineContinuesOneThatWasCutOff) {
   EXPECT_EQ(std::string(bytes, static_cast<size_t>(count)), "first\nsec\nfourth\n");
   ::close(file);
 }
+
+TEST(PlatformOutput, APipeIsWidenedButNeverNarrowed) {
+  ImpatientPipe pipe;
+  PlatformOutput output(pipe.ends[1]);
+  const int before = ::fcntl(pipe.ends[1], F_GETPIPE_SZ);
+  output.widenPipe(static_cast<size_t>(before) * 2);
+  EXPECT_EQ(::fcntl(pipe.ends[1], F_GETPIPE_SZ), before * 2);
+  output.widenPipe(static_cast<size_t>(before));
+  EXPECT_EQ(::fcntl(pipe.ends[1], F_GETPIPE_SZ), before * 2);
+}
+
+TEST(PlatformOutput, WhatIsNoPipeIsNotWidened) {
+  const int file = ::memfd_create("lines", MFD_CLOEXEC);
+  PlatformOutput output(file);
+  output.widenPipe(1 << 20);
+  output.write("line\n");
+  EXPECT_EQ(::lseek(file, 0, SEEK_END), 5);
+  ::close(file);
+}
