@@ -30,6 +30,9 @@ class XRDefragVolume {
   XRDefragVolume& operator=(const XRDefragVolume&) = delete;
   virtual ~XRDefragVolume() = default;
 
+  /// The same without what a subclass adds.
+  XRDefragVolume plainDevice() const { return XRDefragVolume(*this); }
+
   /// Reads bytes at a device byte offset, in pieces of at most 1 MiB.
   [[nodiscard]] virtual Result<> read(std::span<std::byte> bytes, uint64_t offset);
 

@@ -36,7 +36,7 @@ HFSPlusBTreeNodeImages::Image HFSPlusBTreeNodeImages::show(std::span<std::byte> 
 
 std::byte* HFSPlusBTreeNodeImages::_takeUsed() {
   std::byte* image = _free;
-  std::memcpy(&_free, image, sizeof _free);
+  std::memcpy(static_cast<void*>(&_free), image, sizeof _free);
   return image;
 }
 
@@ -53,7 +53,7 @@ std::byte* HFSPlusBTreeNodeImages::_takeFresh() {
 }
 
 void HFSPlusBTreeNodeImages::_giveBack(std::byte* image) {
-  std::memcpy(image, &_free, sizeof _free);
+  std::memcpy(image, static_cast<const void*>(&_free), sizeof _free);
   _free = image;
 }
 

@@ -107,7 +107,7 @@ Result<> HFSPlusVolume::_open(HFSXVolumes hfsxVolumes) {
 
 Result<> HFSPlusVolume::_readHeader() {
   // Located through the plain device: this volume's own transfers are not set up yet.
-  XRDefragVolume device(*this);
+  XRDefragVolume device = plainDevice();
   const HFSPlusVolumePlace place = TRY(HFSPlusLocateVolume(device));
   HeaderImage image;
   TRY(device.read(image.bytes, place.startOffset + kHFSPlusVolumeHeaderOffset));
@@ -182,7 +182,7 @@ void HFSPlusVolume::_logVolumeInfo() const {
 
 /// From here everything reads as if the interrupted run's last flush had been carried out.
 Result<> HFSPlusVolume::_findInterruptedRun() {
-  XRDefragVolume device(*this);
+  XRDefragVolume device = plainDevice();
   const HFSPlusVolumePlace place{_volumeStartOffset, _volumeSizeBytes};
   _recovery = TRY(HFSPlusRunRecovery::find(device, place, _hostVolumeHeader));
   if (_recovery) {
@@ -194,7 +194,7 @@ Result<> HFSPlusVolume::_findInterruptedRun() {
 
 /// Makes the recovered state last. On a device that is not to be written it stays a view of it.
 Result<> HFSPlusVolume::_recoverInterruptedRun() {
-  XRDefragVolume device(*this);
+  XRDefragVolume device = plainDevice();
   const HFSPlusVolumePlace place{_volumeStartOffset, _volumeSizeBytes};
   if (!_recovery) {
     if (isWritable()) {

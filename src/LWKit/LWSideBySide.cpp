@@ -13,16 +13,21 @@ class Helpers {
  public:
   Helpers(size_t count, const std::function<void()>& work) {
     _threads.reserve(count);
-    try {
-      while (_threads.size() < count) {
-        _threads.emplace_back(work);
-      }
-    } catch (const std::system_error&) {
-      // Those that there are, and the calling thread, do it all.
+    // When there are no more to be had, those that there are and the calling thread do it all.
+    while (_threads.size() < count && _start(work)) {
     }
   }
 
  private:
+  bool _start(const std::function<void()>& work) {
+    try {
+      _threads.emplace_back(work);
+      return true;
+    } catch (const std::system_error&) {
+      return false;
+    }
+  }
+
   std::vector<std::jthread> _threads;
 };
 

@@ -10,8 +10,8 @@ LWToolEvent::LWToolEvent(std::vector<std::string> arguments, Completion completi
 
 LWToolEvent::LWToolEvent(Type type, std::optional<std::string> text, Completion completion)
     : _type(type),
-      _string(text ? *std::move(text) : std::string()),
       _hasString(text.has_value()),
+      _string(std::move(text).value_or(std::string())),
       _completion(std::move(completion)) {}
 
 void LWToolEvent::complete() {

@@ -39,7 +39,7 @@ class LWToolEvent : public std::enable_shared_from_this<LWToolEvent> {
  private:
   Type _type;
   std::vector<std::string> _arguments;
-  std::string _string;
   bool _hasString;
+  std::string _string;
   Completion _completion;
 };

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t kReadChunkBytes = 64 * 1024;
+constexpr size_t kReadChunkBytes = size_t{64} << 10;
 
 std::expected<std::string, int> readDescriptor(int descriptor, size_t limit) {
   std::string bytes;

@@ -47,8 +47,9 @@ std::string unescaped(std::string_view text) {
 
 std::optional<PlatformDeviceNumber> parseDevice(std::string_view text) {
   PlatformDeviceNumber device;
-  const char* end = text.data() + text.size();
-  const auto [colon, error] = std::from_chars(text.data(), end, device.major);
+  const char* begin = text.data();
+  const char* end = begin + text.size();
+  const auto [colon, error] = std::from_chars(begin, end, device.major);
   if (error != std::errc() || colon == end || *colon != ':') {
     return std::nullopt;
   }

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -48,7 +49,7 @@ std::vector<PlatformStackFrame> PlatformStack::framesFrom(const void* frameAddre
   auto frame = reinterpret_cast<uintptr_t>(frameAddress);
   while (frames.size() < kFrameLimit && frame % alignof(uintptr_t) == 0 && frame >= bounds.low &&
          frame < bounds.high && bounds.high - frame >= sizeof pair) {
-    std::memcpy(pair, reinterpret_cast<const void*>(frame), sizeof pair);
+    std::memcpy(pair, std::bit_cast<const void*>(frame), sizeof pair);
     if (pair[1] == 0) {
       break;
     }
@@ -64,8 +65,7 @@ std::vector<PlatformStackFrame> PlatformStack::framesFrom(const void* frameAddre
 PlatformSymbol PlatformStack::symbolAt(uintptr_t address) {
   Dl_info info{};
   // A call may be the last thing a function does: the byte before belongs to it for certain.
-  if (::dladdr(reinterpret_cast<const void*>(address - 1), &info) == 0 ||
-      info.dli_sname == nullptr) {
+  if (::dladdr(std::bit_cast<const void*>(address - 1), &info) == 0 || info.dli_sname == nullptr) {
     return {};
   }
   return {.name = readableName(info.dli_sname),
