@@ -18,6 +18,6 @@ if(XRDEFRAG_SANITIZE)
     -fsanitize=${XRDEFRAG_SANITIZE} -fno-sanitize-recover=all
     # g++ 12 follows values badly through what sanitizers add, the library's own included; the
     # release build has this warning on.
-    -Wno-maybe-uninitialized)
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(xrdefrag_settings INTERFACE -fsanitize=${XRDEFRAG_SANITIZE})
 endif()
