@@ -1,7 +1,6 @@
 #include "HFSPlus/HFSPlusBTreeBulkIterator.hpp"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <new>
 
