@@ -77,6 +77,7 @@ class HFSPlusAllocation final : public HFSPlusFile {
   /// A chunk, read if it is not in the cache. Errors of HFSPlusAllocationChunk::open().
   [[nodiscard]] Result<HFSPlusAllocationChunkHold> cachedChunkWithChunkIndex(uint32_t index);
   [[nodiscard]] Result<HFSPlusAllocationChunkHold> cachedChunkWithBlockIndex(uint32_t block);
+  bool isCached(uint32_t index) const { return _chunkCacheTOC.contains(index); }
 
   /// Transfer one chunk; bytes that the file's last block has beyond its size read as zero and are
   /// not written. Fail with "Allocation chunk %1$lu is out of range." or the transfer's error.

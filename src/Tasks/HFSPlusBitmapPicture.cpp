@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "HFSPlus/HFSPlusAllocation.hpp"
+#include "HFSPlus/HFSPlusAllocationPass.hpp"
 #include "HFSPlus/HFSPlusBitmapBits.hpp"
 #include "LWKit/LWFormat.hpp"
 #include "Tasks/HFSPlusBitmapScaler.hpp"
@@ -42,10 +42,10 @@ Result<> HFSPlusBitmapPicture::appendLines(const HFSPlusVolumeHeader& header,
     }
   });
   std::vector<std::byte> masked;
+  HFSPlusAllocationPass pass(allocation);
   uint64_t blocksPerChunk = uint64_t{allocation.chunkSize()} * 8;
   for (uint64_t block = 0; block < totalBlocks; block += blocksPerChunk) {
-    auto chunk = TRY(allocation.cachedChunkWithBlockIndex(static_cast<uint32_t>(block)));
-    std::span<const std::byte> bitmap = chunk->data();
+    auto bitmap = TRY(pass.chunk(static_cast<uint32_t>(block / blocksPerChunk)));
     bitmap = bitmap.first(std::min<size_t>(bitmap.size(), (totalBlocks - block + 7) / 8));
     if (block < _maskedBlocks) {
       masked.assign(bitmap.begin(), bitmap.end());
