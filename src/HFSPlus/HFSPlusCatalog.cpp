@@ -73,6 +73,10 @@ bool isFile(const HFSPlusCatalogRecordView& record, uint32_t cnid) {
   return readBigEndian<uint32_t>(record.file()->bytes.data() + kFileIDOffset) == cnid;
 }
 
+bool isThreadOf(const HFSPlusCatalogRecordView& record, uint32_t cnid) {
+  return record.isThread() && record.key.parentID == cnid && record.key.nameUnits.empty();
+}
+
 /// `file` is a file record in disk order.
 void setForkExtents(std::span<std::byte> file, const HFSPlusExtentRecord& host, uint8_t forkType,
                     bool setZeroLength) {
@@ -221,8 +225,11 @@ Result<std::optional<HFSPlusCatalog::ItemKey>> HFSPlusCatalog::_keyOfItem(
 }
 
 Result<std::optional<HFSPlusCatalog::ItemKey>> HFSPlusCatalog::_keyForCNID(uint32_t cnid) {
-  const Position thread = TRY(_findKey({cnid, {}}));
-  return _keyOfItem(thread);
+  auto thread = TRY(_rememberedThread(cnid));
+  if (!thread) {
+    thread = TRY(_findKey({cnid, {}}));
+  }
+  return _keyOfItem(*thread);
 }
 
 Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordForKey(const HFSPlusCatalogKeyView& key) {
@@ -250,25 +257,39 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordAt(const Position& posit
   return found;
 }
 
-void HFSPlusCatalog::_remember(uint32_t cnid, const Position& position) {
+void HFSPlusCatalog::rememberFolder(uint32_t cnid, const HFSPlusBTreeNode& leaf, uint32_t record) {
+  _remember({cnid, leaf.index(), record});
+}
+
+void HFSPlusCatalog::_remember(const Place& place) {
   if (!_places) {
     // Memory in which nothing is remembered stays the system's.
     _places.reset(static_cast<Place*>(std::calloc(kRememberedPlaces, sizeof(Place))));
   }
   if (_places) {
-    _places[cnid % kRememberedPlaces] = {cnid, position.leaf->index(), position.slot.index};
+    _places[place.cnid % kRememberedPlaces] = place;
   }
 }
 
-/// The record of a file, if it is where it was found before.
 Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedFile(uint32_t cnid) {
+  return _rememberedRecord(cnid, isFile);
+}
+
+Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedThread(uint32_t cnid) {
+  return _rememberedRecord(cnid, isThreadOf);
+}
+
+/// The record of a file or folder, if it is where it was found before.
+template <typename IsSought>
+Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedRecord(
+    uint32_t cnid, const IsSought& isSought) {
   const Place place = _places ? _places[cnid % kRememberedPlaces] : Place{};
   if (place.node == 0 || place.cnid != cnid) {
     return std::nullopt;
   }
   auto leaf = TRY(cachedNodeWithIndex(place.node));
   if (leaf->kind() != kBTLeafNode || place.record >= leaf->recordCount() ||
-      !isFile(TRY(_recordAt(*leaf, place.record)), cnid)) {
+      !isSought(TRY(_recordAt(*leaf, place.record)), cnid)) {
     return std::nullopt;
   }
   return Position{std::move(leaf), {.index = place.record, .equal = true}};
@@ -285,7 +306,7 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForCNID(uint32_t cnid) {
   const Position position = TRY(_findKey(key->view()));
   auto found = TRY(_copyRecordAt(position));
   if (found.isFile() && found.itemID() == cnid) {
-    _remember(cnid, position);
+    _remember({cnid, position.leaf->index(), position.slot.index});
   }
   return found;
 }

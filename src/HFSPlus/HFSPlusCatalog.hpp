@@ -63,6 +63,10 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   /// record. Fails with a path of 1024 units or more.
   [[nodiscard]] Result<std::optional<std::string>> copyPathForCNID(uint32_t cnid);
 
+  /// Notes at which record of a leaf the thread of a folder lies: its path is found without a
+  /// descent as long as it is there.
+  void rememberFolder(uint32_t cnid, const HFSPlusBTreeNode& leaf, uint32_t record);
+
   /// Shows a folder's children to the delegate in the order of their names. A folder that does not
   /// exist has none.
   [[nodiscard]] Result<> iterateFolderID(uint32_t folderID, HFSPlusFolderDelegate& delegate);
@@ -86,7 +90,7 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
     Slot slot;
   };
   struct ItemKey;
-  /// Where a file's record was found; all zero when none was.
+  /// Where a file's record, or a folder's thread record, was found; all zero when none was.
   struct Place {
     uint32_t cnid;
     uint32_t node;
@@ -108,8 +112,11 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   Result<std::optional<ItemKey>> _keyForCNID(uint32_t cnid);
   Result<HFSPlusCatalogRecord> _copyRecordForKey(const HFSPlusCatalogKeyView& key);
   Result<HFSPlusCatalogRecord> _copyRecordAt(const Position& position) const;
-  void _remember(uint32_t cnid, const Position& position);
+  void _remember(const Place& place);
   Result<std::optional<Position>> _rememberedFile(uint32_t cnid);
+  Result<std::optional<Position>> _rememberedThread(uint32_t cnid);
+  template <typename IsSought>
+  Result<std::optional<Position>> _rememberedRecord(uint32_t cnid, const IsSought& isSought);
   Result<std::u16string> _nameForComponent(std::string_view component) const;
   Result<> _iterateFolderID(uint32_t folderID, HFSPlusFolderDelegate& delegate);
   Result<> _showChild(const HFSPlusCatalogRecordView& record,
@@ -118,7 +125,8 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
 
   bool _binaryKeyCompare = false;
   HFSPlusNameComparison _keyCompareProc = HFSPlusCompareNamesFolded;
-  /// By CNID: a run looks a file up to make room, to plan its move and to write its new extents.
-  /// What is remembered counts only if the record is still there.
+  /// By CNID: a run looks a file up to make room, to plan its move and to write its new extents; a
+  /// scan with paths looks up a folder for every folder in it. What is remembered counts only if
+  /// the record is still there.
   std::unique_ptr<Place[], Free> _places;
 };

@@ -22,13 +22,17 @@ Result<> continueUnlessAborted() {
   return {};
 }
 
-Result<> showFiles(const HFSPlusCatalog& catalog, const HFSPlusBTreeNode& leaf,
+Result<> showFiles(HFSPlusCatalog& catalog, const HFSPlusBTreeNode& leaf,
                    HFSPlusCatalogScanDelegate& delegate) {
+  const bool remembersFolders = delegate.asksForPaths();
   const uint32_t count = leaf.recordCount();
   for (uint32_t index = 0; index < count; index++) {
     const auto record = HFSPlusCatalogRecordView::of(leaf.recordDataAtIndex(index));
     if (!record) {
       return std::unexpected(catalog.inconsistent());
+    }
+    if (remembersFolders && record->type() == kHFSPlusFolderThreadRecord) {
+      catalog.rememberFolder(record->key.parentID, leaf, index);
     }
     if (record->type() != kHFSPlusFileRecord) {
       continue;

@@ -15,6 +15,9 @@ class HFSPlusCatalogScanDelegate {
   /// Whether a file that the scan would miss makes the catalog inconsistent: one whose node the
   /// chain of leaves leads to although the tree's map calls it unused.
   [[nodiscard]] virtual bool needsEveryFile() const { return false; }
+  /// Whether the delegate asks the catalog for the paths of what it is shown: the scan then leaves
+  /// a mark at every folder it comes by.
+  [[nodiscard]] virtual bool asksForPaths() const { return false; }
   /// Once a file record. Both arguments lie in the node, in disk order, and are gone afterwards. An
   /// error stops the scan and is its error.
   [[nodiscard]] virtual Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,

@@ -28,6 +28,7 @@ class HFSPlusScanTask : public XRDefragTask, private HFSPlusCatalogScanDelegate 
   void _passOnProgress(int32_t percent);
 
   void scanCatalogFilesWillStart() override;
+  bool asksForPaths() const override { return _fullPaths; }
   Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                            const HFSPlusCatalogKeyView& key) override;
   void scanCatalogFilesDidFinish() override;

@@ -21,7 +21,9 @@ struct Shown : HFSPlusCatalogScanDelegate {
   int started = 0;
   int finished = 0;
   std::function<Result<>()> onFile;
+  bool wantsPaths = false;
 
+  bool asksForPaths() const override { return wantsPaths; }
   void scanCatalogFilesWillStart() override {
     EXPECT_TRUE(ids.empty());
     started++;
@@ -99,6 +101,26 @@ TEST(HFSPlusCatalogScan, BulkFollowsTheDiskAndSparseTheLeaves) {
     EXPECT_EQ(shown.ids, freeNodes == 0 ? (std::vector<uint32_t>{18, 17, 16})
                                         : (std::vector<uint32_t>{16, 17, 18}));
   }
+}
+
+TEST(HFSPlusCatalogScan, FoldersThatItCameByAreFoundInOneNode) {
+  MemoryCatalog tree = treeOfFiles(8);
+  tree.recordsPerIndexNode = 2;
+  tree.build();
+  const auto catalog = tree.open();
+  const auto bytesToFind = [&] {
+    EXPECT_TRUE(catalog->discardChanges());
+    tree.takeBytesRead();
+    EXPECT_EQ(catalog->copyPathForCNID(103).value(), "/dfolder");
+    return tree.takeBytesRead();
+  };
+  Shown shown;
+  ASSERT_TRUE(HFSPlusScanCatalogFiles(*catalog, shown));
+  EXPECT_GT(bytesToFind(), 2 * tree.nodeSize);
+  shown = {};
+  shown.wantsPaths = true;
+  ASSERT_TRUE(HFSPlusScanCatalogFiles(*catalog, shown));
+  EXPECT_EQ(bytesToFind(), tree.nodeSize);
 }
 
 TEST(HFSPlusCatalogScan, SparseReadsNoFreeNodes) {

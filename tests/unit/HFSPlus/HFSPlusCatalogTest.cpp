@@ -523,3 +523,15 @@ TEST(HFSPlusCatalog, APlaceWhereTheFileIsNoLongerIsForgotten) {
   EXPECT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 99U);
   EXPECT_EQ(catalog->copyRecordForCNID(22)->file().fileID, 99U);
 }
+
+TEST(HFSPlusCatalog, APlaceWithoutTheFoldersThreadIsForgotten) {
+  MemoryCatalog tree = smallTree();
+  tree.build();
+  const auto catalog = tree.open();
+  const auto place = tree.place(21, u"");
+  const auto leaf = catalog->cachedNodeWithIndex(place.node).value();
+  for (uint32_t record = 0; record <= leaf->recordCount(); record++) {
+    catalog->rememberFolder(21, *leaf, record);
+    EXPECT_EQ(catalog->copyPathForCNID(21).value(), "/Documents/Letters") << record;
+  }
+}
