@@ -15,7 +15,6 @@ namespace {
 
 constexpr uint32_t kNodeCacheBytes = 32U << 20;
 constexpr size_t kPathUnits = 1024;
-constexpr size_t kRememberedPlaces = 262144;
 
 XRDefragError pathTooLong() {
   return XRDefragError::localized(
@@ -257,20 +256,6 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::_copyRecordAt(const Position& posit
   return found;
 }
 
-void HFSPlusCatalog::rememberFolder(uint32_t cnid, const HFSPlusBTreeNode& leaf, uint32_t record) {
-  _remember({cnid, leaf.index(), record});
-}
-
-void HFSPlusCatalog::_remember(const Place& place) {
-  if (!_places) {
-    // Memory in which nothing is remembered stays the system's.
-    _places.reset(static_cast<Place*>(std::calloc(kRememberedPlaces, sizeof(Place))));
-  }
-  if (_places) {
-    _places[place.cnid % kRememberedPlaces] = place;
-  }
-}
-
 Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedFile(uint32_t cnid) {
   return _rememberedRecord(cnid, isFile);
 }
@@ -283,16 +268,16 @@ Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedThrea
 template <typename IsSought>
 Result<std::optional<HFSPlusCatalog::Position>> HFSPlusCatalog::_rememberedRecord(
     uint32_t cnid, const IsSought& isSought) {
-  const Place place = _places ? _places[cnid % kRememberedPlaces] : Place{};
-  if (place.node == 0 || place.cnid != cnid) {
+  const auto place = _places.find(cnid);
+  if (!place) {
     return std::nullopt;
   }
-  auto leaf = TRY(cachedNodeWithIndex(place.node));
-  if (leaf->kind() != kBTLeafNode || place.record >= leaf->recordCount() ||
-      !isSought(TRY(_recordAt(*leaf, place.record)), cnid)) {
+  auto leaf = TRY(cachedNodeWithIndex(place->node));
+  if (leaf->kind() != kBTLeafNode || place->record >= leaf->recordCount() ||
+      !isSought(TRY(_recordAt(*leaf, place->record)), cnid)) {
     return std::nullopt;
   }
-  return Position{std::move(leaf), {.index = place.record, .equal = true}};
+  return Position{std::move(leaf), {.index = place->record, .equal = true}};
 }
 
 Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForCNID(uint32_t cnid) {
@@ -306,7 +291,7 @@ Result<HFSPlusCatalogRecord> HFSPlusCatalog::copyRecordForCNID(uint32_t cnid) {
   const Position position = TRY(_findKey(key->view()));
   auto found = TRY(_copyRecordAt(position));
   if (found.isFile() && found.itemID() == cnid) {
-    _remember({cnid, position.leaf->index(), position.slot.index});
+    _places.add(cnid, {position.leaf->index(), position.slot.index});
   }
   return found;
 }

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "HFSPlus/HFSPlusBTreeFile.hpp"
+#include "HFSPlus/HFSPlusCatalogPlaces.hpp"
 #include "HFSPlus/HFSPlusCatalogRecord.hpp"
 #include "HFSPlus/HFSPlusNameCompare.hpp"
 
@@ -63,9 +63,9 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   /// record. Fails with a path of 1024 units or more.
   [[nodiscard]] Result<std::optional<std::string>> copyPathForCNID(uint32_t cnid);
 
-  /// Notes at which record of a leaf the thread of a folder lies: its path is found without a
-  /// descent as long as it is there.
-  void rememberFolder(uint32_t cnid, const HFSPlusBTreeNode& leaf, uint32_t record);
+  /// Where the records of files, and the threads of folders, have been seen: they are looked for
+  /// there first. A file that was found by a descent is added by itself.
+  HFSPlusCatalogPlaces& places() { return _places; }
 
   /// Shows a folder's children to the delegate in the order of their names. A folder that does not
   /// exist has none.
@@ -90,15 +90,6 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
     Slot slot;
   };
   struct ItemKey;
-  /// Where a file's record, or a folder's thread record, was found; all zero when none was.
-  struct Place {
-    uint32_t cnid;
-    uint32_t node;
-    uint32_t record;
-  };
-  struct Free {
-    void operator()(Place* places) const { std::free(places); }
-  };
 
   explicit HFSPlusCatalog(HFSPlusVolumeAccess& volume);
 
@@ -112,7 +103,6 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
   Result<std::optional<ItemKey>> _keyForCNID(uint32_t cnid);
   Result<HFSPlusCatalogRecord> _copyRecordForKey(const HFSPlusCatalogKeyView& key);
   Result<HFSPlusCatalogRecord> _copyRecordAt(const Position& position) const;
-  void _remember(const Place& place);
   Result<std::optional<Position>> _rememberedFile(uint32_t cnid);
   Result<std::optional<Position>> _rememberedThread(uint32_t cnid);
   template <typename IsSought>
@@ -125,8 +115,5 @@ class HFSPlusCatalog : public HFSPlusBTreeFile {
 
   bool _binaryKeyCompare = false;
   HFSPlusNameComparison _keyCompareProc = HFSPlusCompareNamesFolded;
-  /// By CNID: a run looks a file up to make room, to plan its move and to write its new extents; a
-  /// scan with paths looks up a folder for every folder in it. What is remembered counts only if
-  /// the record is still there.
-  std::unique_ptr<Place[], Free> _places;
+  HFSPlusCatalogPlaces _places;
 };

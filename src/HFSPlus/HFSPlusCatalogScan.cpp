@@ -1,7 +1,10 @@
 #include "HFSPlus/HFSPlusCatalogScan.hpp"
 
+#include <optional>
+
 #include "HFSPlus/HFSPlusBTreeBulkIterator.hpp"
 #include "HFSPlus/HFSPlusCatalog.hpp"
+#include "HFSPlus/HFSPlusCatalogSurvey.hpp"
 #include "LWKit/LWDebug.hpp"
 #include "LWKit/LWStringUtilities.hpp"
 #include "LWKit/LWToolTask.hpp"
@@ -32,7 +35,7 @@ Result<> showFiles(HFSPlusCatalog& catalog, const HFSPlusBTreeNode& leaf,
       return std::unexpected(catalog.inconsistent());
     }
     if (remembersFolders && record->type() == kHFSPlusFolderThreadRecord) {
-      catalog.rememberFolder(record->key.parentID, leaf, index);
+      catalog.places().add(record->key.parentID, {leaf.index(), index});
     }
     if (record->type() != kHFSPlusFileRecord) {
       continue;
@@ -54,11 +57,21 @@ Result<> scanBulk(HFSPlusCatalog& catalog, HFSPlusCatalogScanDelegate& delegate)
   if (misses(catalog.firstLeafNode())) {
     return std::unexpected(catalog.inconsistent());
   }
+  std::optional<HFSPlusCatalogSurvey> survey;
+  if (delegate.looksFilesUp() && !catalog.places().isComplete()) {
+    survey.emplace(catalog);
+  }
   for (;;) {
     TRY(continueUnlessAborted());
     const auto node = TRY(iterator->nextCachedNode());
     if (!node) {
+      if (survey) {
+        survey->finish();
+      }
       return {};
+    }
+    if (survey) {
+      survey->addNode(*node);
     }
     if (node->kind() == kBTLeafNode) {
       if (misses(node->fLink())) {

@@ -18,6 +18,8 @@ class HFSPlusCatalogScanDelegate {
   /// Whether the delegate asks the catalog for the paths of what it is shown: the scan then leaves
   /// a mark at every folder it comes by.
   [[nodiscard]] virtual bool asksForPaths() const { return false; }
+  /// Whether the files are looked up by ID afterwards: the first scan then surveys where they are.
+  [[nodiscard]] virtual bool looksFilesUp() const { return false; }
   /// Once a file record. Both arguments lie in the node, in disk order, and are gone afterwards. An
   /// error stops the scan and is its error.
   [[nodiscard]] virtual Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,

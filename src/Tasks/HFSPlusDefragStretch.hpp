@@ -69,6 +69,8 @@ class HFSPlusDefragStretch final : private HFSPlusCatalogScanDelegate {
   Result<> _insertExtent(uint64_t start, uint64_t count, uint32_t cnid, HFSPlusExtentInfo info);
   /// Blocks of a file that is missed would be taken for free.
   bool needsEveryFile() const override { return true; }
+  /// To be moved, which takes knowing all of their extents.
+  bool looksFilesUp() const override { return true; }
   Result<> scanCatalogFile(const DiskOrder<HFSPlusCatalogFile>& file,
                            const HFSPlusCatalogKeyView& key) override;
   Result<uint32_t> _fileIDForPath(const char* path);

@@ -531,7 +531,7 @@ TEST(HFSPlusCatalog, APlaceWithoutTheFoldersThreadIsForgotten) {
   const auto place = tree.place(21, u"");
   const auto leaf = catalog->cachedNodeWithIndex(place.node).value();
   for (uint32_t record = 0; record <= leaf->recordCount(); record++) {
-    catalog->rememberFolder(21, *leaf, record);
+    catalog->places().add(21, {place.node, record});
     EXPECT_EQ(catalog->copyPathForCNID(21).value(), "/Documents/Letters") << record;
   }
 }
