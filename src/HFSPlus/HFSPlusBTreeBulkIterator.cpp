@@ -17,6 +17,7 @@ Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> HFSPlusBTreeBulkIterator::open
     return std::unexpected(XRDefragError::localized("Out of memory."));
   }
   TRY(iterator->_copyMap());
+  btree.setNodesAtHand(iterator.get());
   return iterator;
 }
 
@@ -80,6 +81,10 @@ bool HFSPlusBTreeBulkIterator::_chunkHolds(uint32_t index) const {
 std::span<std::byte> HFSPlusBTreeBulkIterator::_image(uint32_t index) const {
   const uint64_t nodeSize = _btree.nodeSize();
   return {&_bufferData[(index - _bufferBaseIndex) * nodeSize], nodeSize};
+}
+
+std::span<const std::byte> HFSPlusBTreeBulkIterator::imageAtHand(uint32_t index) const {
+  return _chunkHolds(index) ? _image(index) : std::span<std::byte>();
 }
 
 Result<> HFSPlusBTreeBulkIterator::_loadChunk(uint32_t index) {

@@ -12,13 +12,17 @@
 /// Which nodes are in use is what the tree's map nodes said at creation. A node that the tree's
 /// cache has is taken from there; any other is shown where it lies in the chunk. Copied into the
 /// cache, where nobody asks for it again, it would take as long as all the rest of a scan, and push
-/// out what others need.
-class HFSPlusBTreeBulkIterator {
+/// out what others need. Whoever does ask the tree for such a node gets it without reading it
+/// again.
+class HFSPlusBTreeBulkIterator : private HFSPlusBTreeNodesAtHand {
  public:
   /// The tree must outlive the iterator. Fails with "Out of memory." or the errors of the tree's
   /// map nodes.
   [[nodiscard]] static Result<std::unique_ptr<HFSPlusBTreeBulkIterator>> open(
       HFSPlusBTreeFile& btree);
+  HFSPlusBTreeBulkIterator(const HFSPlusBTreeBulkIterator&) = delete;
+  HFSPlusBTreeBulkIterator& operator=(const HFSPlusBTreeBulkIterator&) = delete;
+  ~HFSPlusBTreeBulkIterator() { _btree.setNodesAtHand(nullptr); }
 
   /// The next node in use, of whatever kind, for looking at, held for the caller until the next
   /// call; an empty hold at the end, as often as it is asked for. After a failure the next call
@@ -34,6 +38,7 @@ class HFSPlusBTreeBulkIterator {
   bool _isUsed(uint32_t index) const;
   bool _chunkHolds(uint32_t index) const;
   std::span<std::byte> _image(uint32_t index) const;
+  std::span<const std::byte> imageAtHand(uint32_t index) const override;
   [[nodiscard]] Result<> _copyMap();
   [[nodiscard]] Result<> _loadChunk(uint32_t index);
 

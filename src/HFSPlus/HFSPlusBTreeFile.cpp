@@ -228,6 +228,12 @@ Result<HFSPlusBTreeNodeHold> HFSPlusBTreeFile::newNodeWithIndex(uint32_t index, 
 }
 
 Result<> HFSPlusBTreeFile::readNode(uint32_t index, std::span<std::byte> image) const {
+  const auto atHand =
+      _nodesAtHand != nullptr ? _nodesAtHand->imageAtHand(index) : std::span<const std::byte>();
+  if (!atHand.empty()) {
+    std::ranges::copy(atHand, image.begin());
+    return {};
+  }
   return read(image, uint64_t{index} * nodeSize());
 }
 

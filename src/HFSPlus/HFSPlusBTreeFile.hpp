@@ -8,6 +8,16 @@
 #include "HFSPlus/HFSPlusBTreeNodeHold.hpp"
 #include "HFSPlus/HFSPlusFile.hpp"
 
+/// Somebody who has nodes of a tree in memory, as they are in its file.
+class HFSPlusBTreeNodesAtHand {
+ public:
+  /// The node's image; empty when it is not among them.
+  virtual std::span<const std::byte> imageAtHand(uint32_t index) const = 0;
+
+ protected:
+  ~HFSPlusBTreeNodesAtHand() = default;
+};
+
 /// What every B-tree of the volume shares: the header record, the map of free nodes, and the node
 /// cache. Knows nothing of keys and records, but the length of a key.
 ///
@@ -41,6 +51,9 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   /// range.", read errors, or inconsistent() for an image whose record offsets are broken.
   [[nodiscard]] Result<HFSPlusBTreeNodeHold> cachedNodeWithIndex(uint32_t index,
                                                                  std::span<std::byte> data = {});
+
+  /// From now on copies nodes that somebody has at hand instead of reading them; null for nobody.
+  void setNodesAtHand(const HFSPlusBTreeNodesAtHand* nodes) { _nodesAtHand = nodes; }
 
   /// Descends from the root to the leaf whose records surround a key. The predicate, asked with a
   /// record's bytes, tells whether the record's key is greater than the one sought. Fails with
@@ -130,6 +143,7 @@ class HFSPlusBTreeFile : public HFSPlusFile, private HFSPlusBTreeNodeOwner {
   BTHeaderRec _hostHeaderRec{};
   std::unique_ptr<HFSPlusBTreeNodeImages> _nodeImages;
   HFSPlusBTreeNodeCache _nodeCache;
+  const HFSPlusBTreeNodesAtHand* _nodesAtHand = nullptr;
   std::vector<std::byte> _freeNodeMap;
   bool _updated = false;  // header record or map differ from the nodes that hold them
   uint64_t _writtenNodes = 0;

@@ -20,6 +20,7 @@ using Reads = std::vector<MemoryTreeVolume::Read>;
 class HFSPlusBTreeBulkIteratorTest : public testing::Test {
  protected:
   void open() {
+    iterator.reset();
     tree = openPlainTree(volume);
     auto opened = HFSPlusBTreeBulkIterator::open(*tree);
     ASSERT_TRUE(opened) << messageOf(opened);
@@ -135,6 +136,21 @@ TEST_F(HFSPlusBTreeBulkIteratorTest, MapIsThatOfTheMapNodesAtCreation) {
   EXPECT_EQ(rest(), (Nodes{0, 5}));
   iterator = *HFSPlusBTreeBulkIterator::open(*tree);
   EXPECT_EQ(rest(), (Nodes{0, 6}));
+}
+
+TEST_F(HFSPlusBTreeBulkIteratorTest, NodesOfTheChunkAreAtHandForOthers) {
+  use(1, kNodes - 1);
+  volume.node(9)[3] = std::byte{99};  // of its link forward
+  open();
+  EXPECT_EQ(next(), 0U);
+  volume.reads.clear();
+  EXPECT_EQ((*tree->cachedNodeWithIndex(9))->fLink(), 99U);
+  EXPECT_EQ(volume.reads, Reads{});
+  EXPECT_TRUE(tree->cachedNodeWithIndex(kChunkNodes));
+  EXPECT_EQ(volume.reads, Reads{read(kChunkNodes, 1)});
+  iterator.reset();
+  EXPECT_TRUE(tree->cachedNodeWithIndex(10));
+  EXPECT_EQ(volume.reads.back(), read(10, 1));
 }
 
 TEST_F(HFSPlusBTreeBulkIteratorTest, NodeWrittenSinceTheChunkWasReadIsNotTakenFromIt) {
