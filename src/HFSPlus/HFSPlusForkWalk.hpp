@@ -31,6 +31,40 @@ template <typename Visit>
   }
 }
 
+/// Visits the extents in the record of a fork in host order; the blocks that they hold.
+template <typename Visit>
+[[nodiscard]] Result<uint64_t> HFSPlusWalkOwnExtents(const HFSPlusForkData& host, Visit& visit) {
+  uint64_t blocks = 0;
+  for (const HFSPlusExtentDescriptor& extent : host.extents) {
+    TRY(HFSPlusVisitExtent(extent, blocks, visit));
+  }
+  return blocks;
+}
+
+/// The same for a fork in disk order. Made for the million: the numbers are read where they lie.
+template <typename Visit>
+[[nodiscard]] Result<uint64_t> HFSPlusWalkOwnExtents(const DiskOrder<HFSPlusForkData>& disk,
+                                                     Visit& visit) {
+  uint64_t blocks = 0;
+  const std::byte* extent = &disk.bytes[offsetof(HFSPlusForkData, extents)];
+  for (size_t index = 0; index < kHFSPlusExtentDensity; index++, extent += 8) {
+    // Most of the eight are unused, which both numbers tell at once.
+    if (readBigEndian<uint64_t>(extent) != 0) {
+      TRY(HFSPlusVisitExtent({readBigEndian<uint32_t>(extent), readBigEndian<uint32_t>(extent + 4)},
+                             blocks, visit));
+    }
+  }
+  return blocks;
+}
+
+inline uint32_t HFSPlusTotalBlocksOf(const HFSPlusForkData& host) {
+  return host.totalBlocks;
+}
+
+inline uint32_t HFSPlusTotalBlocksOf(const DiskOrder<HFSPlusForkData>& disk) {
+  return readBigEndian<uint32_t>(&disk.bytes[offsetof(HFSPlusForkData, totalBlocks)]);
+}
+
 /// Visits the extents in the overflow records of a fork whose own ones hold `blocks` blocks.
 template <typename Visit>
 [[nodiscard]] Result<> HFSPlusWalkOverflowExtents(HFSPlusExtents& extents, uint64_t blocks,
@@ -48,30 +82,14 @@ template <typename Visit>
   return {};
 }
 
-/// Visits all extents of a fork in host order.
-template <typename Visit>
-[[nodiscard]] Result<> HFSPlusWalkForkExtents(HFSPlusExtents& extents, const HFSPlusForkData& host,
+/// Visits all extents of a fork, in host or disk order.
+template <typename Fork, typename Visit>
+[[nodiscard]] Result<> HFSPlusWalkForkExtents(HFSPlusExtents& extents, const Fork& fork,
                                               uint32_t fileID, uint8_t forkType, Visit&& visit) {
-  uint64_t blocks = 0;
-  for (const HFSPlusExtentDescriptor& extent : host.extents) {
-    TRY(HFSPlusVisitExtent(extent, blocks, visit));
+  const uint64_t blocks = TRY(HFSPlusWalkOwnExtents(fork, visit));
+  if (blocks >= HFSPlusTotalBlocksOf(fork)) {
+    return {};  // as nearly all forks
   }
-  return HFSPlusWalkOverflowExtents(extents, blocks, host.totalBlocks, fileID, forkType, visit);
-}
-
-/// Visits all extents of a fork in disk order. Made for the million: nearly all forks end within
-/// their record, and their numbers are read where they lie.
-template <typename Visit>
-[[nodiscard]] Result<> HFSPlusWalkForkExtents(HFSPlusExtents& extents,
-                                              const DiskOrder<HFSPlusForkData>& disk,
-                                              uint32_t fileID, uint8_t forkType, Visit&& visit) {
-  uint64_t blocks = 0;
-  const std::byte* extent = &disk.bytes[offsetof(HFSPlusForkData, extents)];
-  for (size_t index = 0; index < kHFSPlusExtentDensity; index++, extent += 8) {
-    TRY(HFSPlusVisitExtent({readBigEndian<uint32_t>(extent), readBigEndian<uint32_t>(extent + 4)},
-                           blocks, visit));
-  }
-  const auto totalBlocks =
-      readBigEndian<uint32_t>(&disk.bytes[offsetof(HFSPlusForkData, totalBlocks)]);
-  return HFSPlusWalkOverflowExtents(extents, blocks, totalBlocks, fileID, forkType, visit);
+  return HFSPlusWalkOverflowExtents(extents, blocks, HFSPlusTotalBlocksOf(fork), fileID, forkType,
+                                    visit);
 }

@@ -63,11 +63,44 @@ char* putOutputSafe(char* out, char character) {
   return out;
 }
 
+constexpr ptrdiff_t kUnitsAtOnceBytes = 8;
+
+/// Whether one of four units, each below 0x80, is `character`. A unit that it is turns into zero,
+/// and below.
+uint64_t marksUnitsThatAre(uint64_t fourUnits, char character) {
+  constexpr uint64_t kEachUnit = 0x0001000100010001;
+  return (fourUnits ^ kEachUnit * static_cast<unsigned char>(character)) - kEachUnit;
+}
+
+/// Whether four units (the first one highest) are characters of ASCII that stand for themselves.
+bool arePlain(uint64_t fourUnits) {
+  constexpr uint64_t kHighestBits = 0x8000800080008000;
+  constexpr uint64_t kBeyondASCII = 0xFF80FF80FF80FF80;
+  const uint64_t marks = marksUnitsThatAre(fourUnits, '\0') | marksUnitsThatAre(fourUnits, ',') |
+                         marksUnitsThatAre(fourUnits, '/') | marksUnitsThatAre(fourUnits, '\\');
+  return ((fourUnits & kBeyondASCII) | (marks & kHighestBits)) == 0;
+}
+
+/// Writes four units as a character each.
+char* putPlain(char* out, uint64_t fourUnits) {
+  const uint64_t pairs = (fourUnits | fourUnits >> 8) & 0x0000FFFF0000FFFF;
+  writeBigEndian(reinterpret_cast<std::byte*>(out), static_cast<uint32_t>(pairs | pairs >> 16));
+  return out + 4;
+}
+
 template <bool outputSafe>
 char* putName(char* out, std::span<const std::byte> units) {
   const std::byte* unit = units.data();
   const std::byte* const end = unit + units.size() / 2 * 2;
   while (unit != end) {
+    if (end - unit >= kUnitsAtOnceBytes) {
+      const auto four = readBigEndian<uint64_t>(unit);
+      if (arePlain(four)) {
+        out = putPlain(out, four);
+        unit += kUnitsAtOnceBytes;
+        continue;
+      }
+    }
     const auto value = readBigEndian<uint16_t>(unit);
     if (value >= 0x80) {
       out = putUTF8(out, takeCharacter(unit, end));

@@ -92,7 +92,9 @@ Result<> HFSPlusMapTask::_mapCatalogRecord(const HFSPlusCatalogRecord& record) {
     return std::unexpected(
         XRDefragError::localized("Path lookup failed for CNID %1$@.", std::to_string(itemID)));
   }
-  _lines.beginLine(name(), record.isFile() ? "FILE" : "DIR", record.key.parentID, itemID);
+  _lines.beginLine(
+      HFSPlusReportLines::lineStart(name(), record.isFile() ? "FILE" : "DIR", record.key.parentID),
+      itemID);
   _lines.appendText(outputSafeString(*path));
   auto outcome = record.isFile() ? _appendFile(record.file()) : Result<>();
   _lines.endLine();

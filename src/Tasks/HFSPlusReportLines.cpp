@@ -1,5 +1,7 @@
 #include "Tasks/HFSPlusReportLines.hpp"
 
+#include <cstring>
+
 #include "HFSPlus/HFSPlusExtents.hpp"
 #include "HFSPlus/HFSPlusForkWalk.hpp"
 #include "HFSPlus/HFSPlusNameText.hpp"
@@ -11,6 +13,7 @@ namespace {
 constexpr size_t kHandOverBytes = 64U << 10;
 constexpr size_t kNumberFieldBytes = 1 + kLWDecimalBytes;
 constexpr size_t kHexadecimalFieldBytes = 1 + kLWHexadecimalBytes;
+constexpr size_t kExtentFieldsBytes = 2 * kNumberFieldBytes;
 constexpr uint32_t kSecondsFrom1904To1970 = 2082844800;
 
 template <typename Number>
@@ -24,10 +27,39 @@ char* putHexadecimalField(char* out, uint32_t number) {
   return LWPutHexadecimal(out, number);
 }
 
+char* putExtent(char* out, const HFSPlusExtentDescriptor& extent) {
+  out = putNumberField(out, extent.startBlock);
+  return putNumberField(out, extent.blockCount);
+}
+
 int64_t dateSince1970(uint32_t date, HFSPlusReportLines::DateWidth width) {
   return width == HFSPlusReportLines::DateWidth::Bits64
              ? int64_t{date} - kSecondsFrom1904To1970
              : static_cast<int32_t>(date - kSecondsFrom1904To1970);
+}
+
+/// The three dates of a file. Those of one that was never changed are the same: the digits are
+/// copied.
+char* putDates(char* out, const HFSPlusReportLines::FileInfo& info,
+               HFSPlusReportLines::DateWidth width) {
+  constexpr size_t kDateFieldBytes = 16;  // at least: a comma, a sign, ten digits
+  static_assert(kDateFieldBytes <= kNumberFieldBytes);
+  const char* field = out;
+  uint32_t date = info.createDate;
+  out = putNumberField(out, dateSince1970(date, width));
+  for (const uint32_t next : {info.contentModDate, info.accessDate}) {
+    const size_t size = static_cast<size_t>(out - field);
+    if (next == date) {
+      std::memmove(out, field, kDateFieldBytes);
+      field = out;
+      out += size;
+    } else {
+      field = out;
+      date = next;
+      out = putNumberField(out, dateSince1970(date, width));
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -35,15 +67,14 @@ int64_t dateSince1970(uint32_t date, HFSPlusReportLines::DateWidth width) {
 HFSPlusReportLines::HFSPlusReportLines(XRDefragReport& report)
     : _report(report), _text(2 * kHandOverBytes) {}
 
-void HFSPlusReportLines::beginLine(std::string_view taskName, std::string_view kind,
-                                   uint32_t parentID, uint32_t itemID) {
-  const size_t most = taskName.size() + 1 + kind.size() + 2 * kNumberFieldBytes + 1;
-  _text.append(most, [&](char* out) {
-    out = LWTextBuffer::put(out, taskName);
-    *out++ = ',';
-    out = LWTextBuffer::put(out, kind);
-    out = putNumberField(out, parentID);
-    out = putNumberField(out, itemID);
+std::string HFSPlusReportLines::lineStart(std::string_view taskName, std::string_view kind,
+                                          uint32_t parentID) {
+  return std::string(taskName).append(",").append(kind).append(",") + std::to_string(parentID);
+}
+
+void HFSPlusReportLines::beginLine(std::string_view start, uint32_t itemID) {
+  _text.append(start.size() + kNumberFieldBytes + 1, [&](char* out) {
+    out = putNumberField(LWTextBuffer::put(out, start), itemID);
     *out++ = ',';
     return out;
   });
@@ -56,9 +87,7 @@ void HFSPlusReportLines::appendName(std::span<const std::byte> nameUnits) {
 
 void HFSPlusReportLines::appendFileInfo(const FileInfo& info, DateWidth width) {
   _text.append(3 * kNumberFieldBytes + 2 * kHexadecimalFieldBytes, [&](char* out) {
-    out = putNumberField(out, dateSince1970(info.createDate, width));
-    out = putNumberField(out, dateSince1970(info.contentModDate, width));
-    out = putNumberField(out, dateSince1970(info.accessDate, width));
+    out = putDates(out, info, width);
     out = putHexadecimalField(out, info.fdType);
     return putHexadecimalField(out, info.fdCreator);
   });
@@ -67,13 +96,20 @@ void HFSPlusReportLines::appendFileInfo(const FileInfo& info, DateWidth width) {
 template <typename Fork>
 Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents& extents, const Fork& fork,
                                                uint32_t fileID, uint8_t forkType) {
-  return HFSPlusWalkForkExtents(extents, fork, fileID, forkType,
-                                [this](const HFSPlusExtentDescriptor& extent) {
-                                  _text.append(2 * kNumberFieldBytes, [&extent](char* out) {
-                                    out = putNumberField(out, extent.startBlock);
-                                    return putNumberField(out, extent.blockCount);
-                                  });
-                                });
+  uint64_t blocks = 0;
+  _text.append(kHFSPlusExtentDensity * kExtentFieldsBytes, [&](char* out) {
+    auto put = [&out](const HFSPlusExtentDescriptor& extent) { out = putExtent(out, extent); };
+    blocks = *HFSPlusWalkOwnExtents(fork, put);  // putting does not fail
+    return out;
+  });
+  if (blocks >= HFSPlusTotalBlocksOf(fork)) {
+    return {};
+  }
+  auto append = [this](const HFSPlusExtentDescriptor& extent) {
+    _text.append(kExtentFieldsBytes, [&extent](char* out) { return putExtent(out, extent); });
+  };
+  return HFSPlusWalkOverflowExtents(extents, blocks, HFSPlusTotalBlocksOf(fork), fileID, forkType,
+                                    append);
 }
 
 template Result<> HFSPlusReportLines::appendForkExtents(HFSPlusExtents&, const HFSPlusForkData&,

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "HFSPlus/HFSPlusByteOrder.hpp"
@@ -36,9 +37,11 @@ class HFSPlusReportLines {
   HFSPlusReportLines& operator=(const HFSPlusReportLines&) = delete;
   ~HFSPlusReportLines() { handOver(); }
 
-  /// Begins a line: "TASK,KIND,parent,item,".
-  void beginLine(std::string_view taskName, std::string_view kind, uint32_t parentID,
-                 uint32_t itemID);
+  /// What the lines of one folder's items begin with: "TASK,KIND,parent".
+  [[nodiscard]] static std::string lineStart(std::string_view taskName, std::string_view kind,
+                                             uint32_t parentID);
+  /// Begins a line: the start, and ",item,".
+  void beginLine(std::string_view start, uint32_t itemID);
   /// Appends text as it is; the caller has escaped it.
   void appendText(std::string_view text) { _text.append(text); }
   /// Appends a name from disk (big-endian units), escaped.

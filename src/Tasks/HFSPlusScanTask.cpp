@@ -83,14 +83,11 @@ Result<> HFSPlusScanTask::scanCatalogFile(const DiskFile& file, const HFSPlusCat
     return {};
   }
   const uint32_t fileID = fieldAt(file, offsetof(HFSPlusCatalogFile, fileID));
-  if (_fullPaths && key.parentID != _lastParentID) {
-    TRY(_lookUpParent(key.parentID, fileID));
+  if (key.parentID != _lastParentID) {
+    TRY(_beginFolder(key.parentID, fileID));
   }
-  _lines.beginLine(name(), "FILE", key.parentID, fileID);
-  if (_fullPaths) {
-    _lines.appendText(_lastParentPath);
-    _lines.appendText("/");
-  }
+  _lines.beginLine(_lineStart, fileID);
+  _lines.appendText(_pathStart);
   _lines.appendName(key.nameUnits);
   _lines.appendFileInfo(infoOf(file), HFSPlusReportLines::DateWidth::Bits64);
   auto outcome = _lines.appendForksOfFile(_hfsPlusVolume.extents(), file, fileID);
@@ -101,15 +98,18 @@ Result<> HFSPlusScanTask::scanCatalogFile(const DiskFile& file, const HFSPlusCat
   return outcome;
 }
 
-Result<> HFSPlusScanTask::_lookUpParent(uint32_t parentID, uint32_t fileID) {
-  _lastParentID = 0;
-  const auto path = TRY(_hfsPlusVolume.catalog().copyPathForCNID(parentID));
-  if (!path) {
-    return std::unexpected(
-        XRDefragError::localized("Path lookup failed for file ID %1$u.", fileID));
+Result<> HFSPlusScanTask::_beginFolder(uint32_t folderID, uint32_t fileID) {
+  _lastParentID.reset();
+  if (_fullPaths) {
+    const auto path = TRY(_hfsPlusVolume.catalog().copyPathForCNID(folderID));
+    if (!path) {
+      return std::unexpected(
+          XRDefragError::localized("Path lookup failed for file ID %1$u.", fileID));
+    }
+    _pathStart = outputSafeString(*path) + "/";
   }
-  _lastParentPath = outputSafeString(*path);
-  _lastParentID = parentID;
+  _lineStart = HFSPlusReportLines::lineStart(name(), "FILE", folderID);
+  _lastParentID = folderID;
   return {};
 }
 

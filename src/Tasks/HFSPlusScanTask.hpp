@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "HFSPlus/HFSPlusCatalogScan.hpp"
@@ -23,7 +24,7 @@ class HFSPlusScanTask : public XRDefragTask, private HFSPlusCatalogScanDelegate 
 
  private:
   Result<> _parseOptions();
-  Result<> _lookUpParent(uint32_t parentID, uint32_t fileID);
+  Result<> _beginFolder(uint32_t folderID, uint32_t fileID);
   void _countFile();
   void _passOnProgress(int32_t percent);
 
@@ -40,7 +41,8 @@ class HFSPlusScanTask : public XRDefragTask, private HFSPlusCatalogScanDelegate 
   double _fileCount = 0;  // what the volume header says
   double _fileIndex = 0;  // files listed so far
   int32_t _progress = 0;  // the last percentage passed on
-  // The path of the last file's folder, escaped: files of one folder follow each other.
-  uint32_t _lastParentID = 0;
-  std::string _lastParentPath;
+  // What the lines of one folder's files have in common: they follow each other.
+  std::optional<uint32_t> _lastParentID;
+  std::string _lineStart;
+  std::string _pathStart;  // escaped, with the slash in front of the name; empty without paths
 };

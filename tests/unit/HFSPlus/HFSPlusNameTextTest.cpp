@@ -37,6 +37,20 @@ TEST(HFSPlusNameText, ShowsASlashAsAColon) {
   EXPECT_EQ(outputSafe(u"a/b"), "a:b");
 }
 
+TEST(HFSPlusNameText, AnotherMeaningIsSeenAtEveryPlaceOfAName) {
+  for (size_t length = 1; length <= 12; length++) {
+    for (size_t place = 0; place < length; place++) {
+      std::u16string name(length, u'n');
+      std::string expected(length, 'n');
+      name[place] = u'/';
+      expected[place] = ':';
+      EXPECT_EQ(outputSafe(name), expected);
+      name[place] = u'\u012F';  // the lower half of which is a slash
+      EXPECT_EQ(outputSafe(name), expected.replace(place, 1, "\u012F"));
+    }
+  }
+}
+
 TEST(HFSPlusNameText, EscapesCommasBackslashesAndNULsForReportLines) {
   EXPECT_EQ(outputSafe(u"a,b\\d"), "a\\,b\\\\d");
   EXPECT_EQ(outputSafe(std::u16string_view(u"\0\0x", 3)), "\\xC0\\x80\\xC0\\x80x");
@@ -69,10 +83,14 @@ TEST(HFSPlusNameText, OnePassGivesWhatDecodingAndEscapingGive) {
   SCOPED_TRACE(seedText(seed));
   std::mt19937 random(seed);
   constexpr std::u16string_view kUnits = u",\\a\u00E9\u20AC\xD83D\xDE00";
-  for (int round = 0; round < 20000; round++) {
+  constexpr std::u16string_view kPlainUnits = u"az09 +-.[]\x01\x7F";
+  for (int round = 0; round < 40000; round++) {
+    const auto plainOfEight = random() % 9;
     std::u16string name;
-    for (size_t length = random() % 10; length > 0; length--) {
-      name += random() % 8 == 0 ? u'\0' : kUnits[random() % kUnits.size()];
+    for (size_t length = random() % 20; length > 0; length--) {
+      const bool isPlain = random() % 8 < plainOfEight;
+      const auto units = isPlain ? kPlainUnits : kUnits;
+      name += !isPlain && random() % 8 == 0 ? u'\0' : units[random() % units.size()];
     }
     ASSERT_EQ(plain(name), LWUTF8FromUTF16(name));
     ASSERT_EQ(outputSafe(name), outputSafeString(LWUTF8FromUTF16(name)));
