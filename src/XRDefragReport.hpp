@@ -15,12 +15,15 @@
 /// A reader that does not read must not keep the main thread from hearing a signal or QUIT, nor a
 /// rewriting task from ending when it is told to. So a thread of the report's own does the writing.
 /// A task waits until what it has flushed is written, and for room in front of that thread; the
-/// main thread never waits, and once the tool is to end nobody does. Without that thread (see
-/// writeInBackground()) lines are written by whoever flushes them.
+/// main thread never waits, and once the tool is to end nobody does. Lines that a reader has room
+/// for, with nothing in front of them, need no thread: whoever flushes them writes them. So do all
+/// without that thread (see writeInBackground()).
 class XRDefragReport {
  public:
   /// Takes whole lines to where they are read; called by one thread at a time.
   using Sink = std::function<void(std::string_view lines)>;
+  /// Does so if that takes no waiting, with all of the lines or none; whether it did.
+  using SinkAtOnce = std::function<bool(std::string_view lines)>;
   /// When a printed line leaves: with the next flushed one, or at once, as on a terminal.
   enum class Buffering { UntilFlushed, ByLine };
 
@@ -30,7 +33,8 @@ class XRDefragReport {
   /// The report on standard output.
   static XRDefragReport& shared();
 
-  explicit XRDefragReport(Sink sink, Buffering buffering = Buffering::UntilFlushed);
+  explicit XRDefragReport(Sink sink, Buffering buffering = Buffering::UntilFlushed,
+                          SinkAtOnce sinkAtOnce = {});
   XRDefragReport(const XRDefragReport&) = delete;
   XRDefragReport& operator=(const XRDefragReport&) = delete;
   /// Returns when all that was printed has been written.
@@ -55,6 +59,7 @@ class XRDefragReport {
 
  private:
   void _append(std::string_view lines, bool flush);
+  bool _leaveAtOnce();
   bool _send();
   bool _hasRoom() const { return _due.size() < kBacklogBytes || !_waits; }
   bool _hasWriter();
@@ -62,6 +67,7 @@ class XRDefragReport {
 
   const Sink _sink;
   const Buffering _buffering;
+  const SinkAtOnce _sinkAtOnce;
   std::mutex _lock;
   std::condition_variable _dueChanged;
   std::condition_variable _roomChanged;

@@ -2,10 +2,15 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <utility>
+
+PlatformOutput::PlatformOutput(int descriptor)
+    : _descriptor(descriptor), _isPipe(::fcntl(descriptor, F_GETPIPE_SZ) >= 0) {}
 
 void PlatformOutput::write(std::string_view lines) {
   if (_lineIsCutOff && _writeSome("\n") == 0) {
@@ -38,6 +43,17 @@ size_t PlatformOutput::_writeSome(std::string_view bytes) const {
       return 0;
     }
   }
+}
+
+bool PlatformOutput::writeAtOnce(std::string_view lines) {
+  if (!_isPipe || _lineIsCutOff || lines.size() > PIPE_BUF) {
+    return false;
+  }
+  // Kernels that cannot tell for pipes refuse the flag.
+  constexpr off_t kWhereItStands = -1;
+  const iovec piece{.iov_base = const_cast<char*>(lines.data()), .iov_len = lines.size()};
+  return std::cmp_equal(::pwritev2(_descriptor, &piece, 1, kWhereItStands, RWF_NOWAIT),
+                        lines.size());
 }
 
 void PlatformOutput::widenPipe(size_t bytes) {

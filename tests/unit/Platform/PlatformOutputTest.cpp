@@ -6,7 +6,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <climits>
 #include <csignal>
+#include <string>
 #include <thread>
 
 namespace {
@@ -81,6 +83,30 @@ TEST(PlatformOutput, NoLineContinuesOneThatWasCutOff) {
   char bytes[100];
   const ssize_t count = ::pread(file, bytes, sizeof bytes, 0);
   EXPECT_EQ(std::string(bytes, static_cast<size_t>(count)), "first\nsec\nfourth\n");
+  ::close(file);
+}
+
+TEST(PlatformOutput, AFullPipeTakesNothingAtOnce) {
+  ImpatientPipe pipe;
+  PlatformOutput output(pipe.ends[1]);
+  const std::string line(1000, 'x');
+  size_t written = 0;
+  while (output.writeAtOnce(line)) {
+    written += line.size();
+  }
+  // A kernel that cannot tell takes nothing.
+  EXPECT_LE(written, static_cast<size_t>(::fcntl(pipe.ends[1], F_GETPIPE_SZ)));
+  std::string received(written + 1, '\0');
+  EXPECT_EQ(::read(pipe.ends[0], received.data(), received.size()),
+            written > 0 ? static_cast<ssize_t>(written) : -1);
+}
+
+TEST(PlatformOutput, OnlyShortLinesIntoAPipeAreWrittenAtOnce) {
+  ImpatientPipe pipe;
+  EXPECT_FALSE(PlatformOutput(pipe.ends[1]).writeAtOnce(std::string(PIPE_BUF + 1, 'x')));
+  const int file = ::memfd_create("lines", MFD_CLOEXEC);
+  EXPECT_FALSE(PlatformOutput(file).writeAtOnce("line\n"));
+  EXPECT_EQ(::lseek(file, 0, SEEK_END), 0);
   ::close(file);
 }
 

@@ -193,6 +193,51 @@ TEST(XRDefragReport, ATaskWaitsForAReaderUntilItIsToEnd) {
   EXPECT_EQ(reader.text().size(), printed);
 }
 
+TEST(XRDefragReport, LinesOfDifferentThreadsNeverMixWhereSomeLeaveAtOnce) {
+  Reader reader;
+  TestRandom random(7);
+  auto report = std::make_unique<XRDefragReport>(
+      reader.sink(), XRDefragReport::Buffering::UntilFlushed, [&](std::string_view lines) {
+        const bool hasRoom = random() % 2 == 0;
+        if (hasRoom) {
+          reader.sink()(lines);
+        }
+        return hasRoom;
+      });
+  report->writeInBackground();
+  expectWholeLinesFromFourThreads(*report, [&] {
+    report.reset();
+    return reader.text();
+  });
+}
+
+TEST(XRDefragReport, FlushedLinesLeaveAtOnceWhereThereIsRoomAndNothingInFront) {
+  Reader reader;
+  std::string atOnce;
+  bool hasRoom = true;
+  {
+    XRDefragReport report(reader.sink(), XRDefragReport::Buffering::UntilFlushed,
+                          [&](std::string_view lines) {
+                            atOnce += hasRoom ? lines : "";
+                            return hasRoom;
+                          });
+    report.writeInBackground();
+    report.print("READY\n");
+    EXPECT_EQ(atOnce, "");
+    report.printAndFlush("SCAN,START\n");
+    EXPECT_EQ(atOnce, "READY\nSCAN,START\n");
+    reader.stop();
+    hasRoom = false;
+    report.printAndFlush("SCAN,PROGRESS,50\n");
+    reader.waitUntilCalled();
+    hasRoom = true;
+    report.printAndFlush("SCAN,DONE\n");  // not past the line that is being written
+    reader.goOn();
+  }
+  EXPECT_EQ(atOnce, "READY\nSCAN,START\n");
+  EXPECT_EQ(reader.text(), "SCAN,PROGRESS,50\nSCAN,DONE\n");
+}
+
 TEST(XRDefragReport, WhatATaskHasFlushedIsWritten) {
   Reader reader;
   XRDefragReport report(reader.sink());
