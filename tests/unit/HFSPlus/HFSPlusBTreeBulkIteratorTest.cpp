@@ -184,6 +184,7 @@ TEST_F(HFSPlusBTreeBulkIteratorTest, DirtyNodesThatAChunkPushesOutAreNotBroughtB
         (*tree->cachedNodeWithIndex(changed))->setFLink(++links[changed]);
       }
     }
+    iterator.reset();
     tree.reset();
     volume.heldWrites().clear();
   }
